@@ -10,6 +10,7 @@
 // inside a callback. Change notifications run synchronously on the thread that
 // made the change.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -101,7 +102,9 @@ public:
   struct ObservationRegistry;  // private to the implementation
 
 private:
-  std::unique_ptr<ObservationRegistry> _kvo;
+  // Created on first observation, so the many objects nobody observes carry
+  // one null pointer and pay nothing in willChange/didChange.
+  mutable std::atomic<ObservationRegistry*> _kvo{nullptr};
 };
 
 // Key-value coding over any Value: objects use valueForKey, dictionaries look
