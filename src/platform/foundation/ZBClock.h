@@ -23,9 +23,13 @@ public:
   // re-evaluate their deadlines.
   static void setCurrent(std::shared_ptr<ZBClock> clock);
 
-  // Called (on the thread that moved time) after a manual clock is advanced
-  // or the current clock is replaced. Returns an id for removeChangeListener.
+  // Called (on the thread that moved time) after the current clock, when it
+  // is a manual one, is set or advanced, and after the current clock is
+  // replaced. Returns an id for removeChangeListener.
   static int addChangeListener(std::function<void()> listener);
+  // After this returns the listener is not running on any other thread and is
+  // never called again. A listener may remove itself; do not remove a listener
+  // while holding a lock that the listener itself takes.
   static void removeChangeListener(int id);
 };
 
