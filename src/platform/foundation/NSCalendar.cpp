@@ -71,12 +71,22 @@ std::string icuType(std::string_view identifier) {
   return std::string(identifier);
 }
 
-std::shared_ptr<const NSCalendar> makeCalendar(const icu::Locale& locale, const NSTimeZone& zone) {
+// requestedType: the ICU type asked for, or empty for the locale's own.
+std::shared_ptr<const NSCalendar> makeCalendar(const icu::Locale& locale, const NSTimeZone& zone,
+                                               const std::string& requestedType = {}) {
   UErrorCode status = U_ZERO_ERROR;
   CalendarPtr calendar(icu::Calendar::createInstance(*zone.impl().zone, locale, status));
   if (U_FAILURE(status) || !calendar) return nullptr;
   calendar->setLenient(true);
-  std::string identifier = utf8Identifier(calendar->getType());
+  std::string type = calendar->getType();
+  if (!requestedType.empty() && type != requestedType) {
+    // ICU quietly falls back to Gregorian for a type it does not know; refuse
+    // instead. Older ICUs build "iso8601" as a Gregorian calendar with ISO
+    // week rules and report it as such.
+    if (!(requestedType == "iso8601" && type == "gregorian")) return nullptr;
+    type = requestedType;
+  }
+  std::string identifier = utf8Identifier(type.c_str());
   auto impl = std::make_unique<NSCalendar::Impl>();
   impl->prototype = std::move(calendar);
   return std::make_shared<const NSCalendar>(std::move(identifier), zone, std::move(impl));
@@ -103,10 +113,7 @@ std::shared_ptr<const NSCalendar> NSCalendar::calendarWithIdentifier(std::string
   UErrorCode status = U_ZERO_ERROR;
   locale.setKeywordValue("calendar", type.c_str(), status);
   if (U_FAILURE(status)) return nullptr;
-  auto calendar = makeCalendar(locale, zone ? *zone : NSTimeZone::defaultTimeZone());
-  // ICU quietly falls back to Gregorian for an unknown type; refuse instead.
-  if (!calendar || icuType(calendar->calendarIdentifier()) != type) return nullptr;
-  return calendar;
+  return makeCalendar(locale, zone ? *zone : NSTimeZone::defaultTimeZone(), type);
 }
 
 int NSCalendar::firstWeekday() const {

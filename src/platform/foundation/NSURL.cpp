@@ -213,28 +213,29 @@ std::string NSURL::lastPathComponent() const {
 
 NSURL NSURL::URLByAppendingPathComponent(std::string_view component, bool isDirectory) const {
   if (_parts->opaque) return *this;
-  auto parts = std::make_shared<Parts>(*_parts);
-  std::string rawPath = parts->rawPath;
+  std::string rawPath = _parts->rawPath;
   if (rawPath.empty() || rawPath.back() != '/') rawPath += '/';
-  rawPath += percentEncodePath(component, false);
-  if (isDirectory) rawPath += '/';
-  parts->rawPath = rawPath;
-  parts->query.reset();
-  parts->fragment.reset();
-  parts->text = (isFileURL() && !parts->host ? std::string("file://") : authorityPrefix(*parts)) + rawPath;
-  return NSURL(std::move(parts));
+  rawPath += percentEncodePath(component, true);
+  if (isDirectory && rawPath.back() != '/') rawPath += '/';
+  return _withRawPath(std::move(rawPath));
 }
 
 NSURL NSURL::URLByDeletingLastPathComponent() const {
   if (_parts->opaque) return *this;
-  auto parts = std::make_shared<Parts>(*_parts);
-  std::string rawPath = parts->rawPath;
+  std::string rawPath = _parts->rawPath;
   while (rawPath.size() > 1 && rawPath.back() == '/') rawPath.pop_back();
   const std::size_t slash = rawPath.rfind('/');
   rawPath = slash == std::string::npos ? "/" : rawPath.substr(0, slash + 1);
-  parts->rawPath = rawPath;
-  parts->query.reset();
-  parts->fragment.reset();
-  parts->text = (isFileURL() && !parts->host ? std::string("file://") : authorityPrefix(*parts)) + rawPath;
+  return _withRawPath(std::move(rawPath));
+}
+
+NSURL NSURL::_withRawPath(std::string rawPath) const {
+  auto parts = std::make_shared<Parts>(*_parts);
+  parts->rawPath = std::move(rawPath);
+  std::string text = isFileURL() && !parts->host ? std::string("file://") : authorityPrefix(*parts);
+  text += parts->rawPath;
+  if (parts->query) text += "?" + *parts->query;
+  if (parts->fragment) text += "#" + *parts->fragment;
+  parts->text = std::move(text);
   return NSURL(std::move(parts));
 }

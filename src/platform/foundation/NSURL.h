@@ -44,8 +44,9 @@ public:
   bool hasDirectoryPath() const;
 
   std::string lastPathComponent() const;
-  // This URL with component (percent-encoded as needed) appended to its path,
-  // query and fragment dropped. An opaque URL comes back unchanged.
+  // This URL with component appended to its path ("/" in component makes
+  // further levels; other reserved characters are percent-encoded); query
+  // and fragment are kept. An opaque URL comes back unchanged.
   NSURL URLByAppendingPathComponent(std::string_view component, bool isDirectory = false) const;
   NSURL URLByDeletingLastPathComponent() const;
 
@@ -55,5 +56,6 @@ public:
 
 private:
   explicit NSURL(std::shared_ptr<const Parts> parts) : _parts(std::move(parts)) {}
+  NSURL _withRawPath(std::string rawPath) const;
   std::shared_ptr<const Parts> _parts;
 };
