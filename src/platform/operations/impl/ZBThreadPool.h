@@ -1,0 +1,53 @@
+#pragma once
+// The process-wide pool of background threads on which operation queues run
+// their operations. Internal to the operations layer.
+//
+// It grows instead of queueing when every thread is busy: a task submitted
+// while no thread is idle gets a new thread, up to a soft limit. Beyond that,
+// a watchdog adds one more thread whenever tasks have been waiting and no
+// thread has taken one for a short while, so work blocked on the network or on
+// another thread never starves the tasks behind it. Idle threads above the
+// number of cores leave after a few seconds.
+//
+// Thread-safe. The pool lives until the process exits (its threads are
+// detached and it is never destroyed, so exit never waits for blocked work).
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+
+class ZBThreadPool {
+public:
+  static ZBThreadPool& shared();
+
+  void submit(std::function<void()> task);
+
+  // Counters for tests and diagnostics.
+  std::size_t threadCount() const;
+  std::size_t idleThreadCount() const;
+
+  ZBThreadPool(const ZBThreadPool&) = delete;
+  ZBThreadPool& operator=(const ZBThreadPool&) = delete;
+
+private:
+  ZBThreadPool();
+  ~ZBThreadPool() = delete;
+  void _spawnWorker();  // requires _mutex
+  void _workerLoop();
+  void _watchdogLoop();
+
+  mutable std::mutex _mutex;
+  std::condition_variable _workAvailable;
+  std::condition_variable _watchdogWake;
+  std::deque<std::function<void()>> _pending;
+  std::size_t _threads = 0;
+  std::size_t _idle = 0;
+  std::size_t _minimumThreads;
+  std::size_t _softLimit;
+  std::size_t _hardLimit = 2048;
+  std::chrono::steady_clock::time_point _lastTake;
+  bool _watchdogStarted = false;
+};
