@@ -3,6 +3,8 @@
 #include <cstring>
 #include <functional>
 
+#include "platform/foundation/ZBLocalizedString.h"
+
 const std::string NSLocalizedDescriptionKey = "NSLocalizedDescription";
 const std::string NSLocalizedFailureReasonErrorKey = "NSLocalizedFailureReason";
 const std::string NSLocalizedRecoverySuggestionErrorKey = "NSLocalizedRecoverySuggestion";
@@ -54,11 +56,11 @@ NSErrorPtr NSError::create(std::string domain, std::int64_t code, const std::str
 std::string NSError::localizedDescription() const {
   if (auto description = stringForKey(_userInfo, NSLocalizedDescriptionKey)) return *description;
   // The platform's fallbacks, from the most to the least specific.
-  static const std::string couldNotComplete = "The operation couldn’t be completed.";
+  const std::string couldNotComplete = ZBLocalizedString("The operation couldn’t be completed.");
   if (auto reason = stringForKey(_userInfo, NSLocalizedFailureReasonErrorKey)) {
     return couldNotComplete + " " + *reason;
   }
-  if (_domain == NSCocoaErrorDomain && _code == NSUserCancelledError) return "The operation was cancelled.";
+  if (_domain == NSCocoaErrorDomain && _code == NSUserCancelledError) return ZBLocalizedString("The operation was cancelled.");
   if (_domain == NSPOSIXErrorDomain && _code > 0) {
     std::string message = posixMessage(_code);
     if (!message.empty() && message.rfind("Unknown error", 0) != 0) return couldNotComplete + " " + message;
