@@ -45,6 +45,7 @@ enum : std::int64_t {
   NSPropertyListWriteInvalidError = 3852,
   NSCoderReadCorruptError = 4864,
   NSCoderValueNotFoundError = 4865,
+  NSCoderInvalidValueError = 4866,
   NSManagedObjectValidationError = 1550,
   NSValidationMultipleErrorsError = 1560,
   NSValidationMissingMandatoryPropertyError = 1570,
