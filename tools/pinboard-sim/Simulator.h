@@ -1,0 +1,196 @@
+#pragma once
+// Simulator: a local stand-in for the Pinboard service, speaking real HTTP on
+// loopback. It serves the v1 API under /v1/ and the JSON feeds under /json/,
+// with per-user data, both ways of authenticating, the service's result texts
+// and wire quirks, rate limits, and faults injected on demand.
+//
+// Ownership: the owner holds it by value or unique_ptr; destruction stops the
+// server and waits for requests in flight. Thread-safe: every method may be
+// called from any thread, also while requests are being served.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "pinboard-sim/Bookmark.h"
+#include "pinboard-sim/Fault.h"
+#include "pinboard-sim/Generator.h"
+#include "pinboard-sim/Wire.h"
+
+namespace httplib {
+struct Request;
+struct Response;
+}  // namespace httplib
+
+namespace pinboard_sim {
+
+struct SimulatorOptions {
+  std::string host = "127.0.0.1";
+  int port = 0;           // 0: an ephemeral port
+  int threads = 24;       // connections served at once
+  int feedDefaultCount = 50;
+  int feedMaxCount = 400;
+  Quirks quirks;
+  RateLimits rateLimits;  // all off by default
+};
+
+// One request as the simulator saw it.
+struct RequestRecord {
+  std::string path;
+  std::map<std::string, std::string> params;  // query parameters, decoded
+  std::string user;      // the authenticated user, empty when none
+  int status = 0;        // HTTP status answered (0 for a dropped connection)
+  bool faulted = false;  // an injected fault shaped the answer
+  bool basicAuth = false;
+};
+
+struct AccountSeed {
+  std::string username;
+  std::string token;     // secret part; generated from the name when empty
+  std::string password;  // basic authentication is refused when empty
+  std::string rssKey;    // generated from the name when empty
+  bool saveAllPrivate = false;
+};
+
+class Simulator {
+public:
+  explicit Simulator(SimulatorOptions options = {});
+  ~Simulator();
+  Simulator(const Simulator&) = delete;
+  Simulator& operator=(const Simulator&) = delete;
+
+  // Binds and serves on a background thread. Returns false with a message when
+  // the address cannot be bound. Calling it twice is a no-op.
+  bool start(std::string* error = nullptr);
+  // Stops serving and waits for the requests in flight (injected delays are cut
+  // short). Idempotent.
+  void stop();
+  int port() const { return _port; }
+  std::string baseURL() const;   // "http://127.0.0.1:PORT"
+  std::string apiURL() const;    // baseURL() + "/v1/"
+  std::string feedsURL() const;  // baseURL() + "/json/"
+
+  // ---- Seeding ----
+  // Adds an account, or replaces the credentials of an existing one. Returns the
+  // full API token ("name:SECRET").
+  std::string addAccount(const AccountSeed& seed);
+  // Stores a bookmark as given (hash and meta are computed); moves the
+  // account's update time to at least the bookmark's time. False when there is
+  // no such account.
+  bool addBookmark(const std::string& user, Bookmark bookmark);
+  // Adds count generated bookmarks (see Generator.h). False without the account.
+  bool generateBookmarks(const std::string& user, std::size_t count, const GeneratorOptions& options = {});
+  bool addNote(const std::string& user, const std::string& title, const std::string& text, std::int64_t created,
+               std::int64_t updated);
+  bool setNetwork(const std::string& user, std::vector<std::string> others);
+  bool setStarred(const std::string& user, const std::string& url, bool starred);
+  bool setSource(const std::string& user, const std::string& url, const std::string& source);
+  // Site-wide "popular" tags that posts/suggest reports for a URL.
+  void setPopularTags(const std::string& url, std::vector<std::string> tags);
+
+  // Seed documents (the format exportState writes): {"accounts":[{"username",
+  // "token", "password", "rssKey", "saveAllPrivate", "network", "updateTime",
+  // "bookmarks":[{"url","title","extended","tags","time","shared","toread",
+  // "starred","source","others"}], "notes":[…], "generate":{"count","seed"}}],
+  // "popularTags":{url:[…]}}. Times are ISO 8601 strings or seconds.
+  bool loadSeed(const nlohmann::json& seed, std::string* error = nullptr);
+  bool loadSeedFile(const std::string& path, std::string* error = nullptr);
+  nlohmann::json exportState() const;
+  bool saveState(const std::string& path, std::string* error = nullptr) const;
+  // Increases with every change of any account (for savers that poll).
+  std::uint64_t stateVersion() const;
+
+  // ---- Inspection ----
+  std::optional<Bookmark> bookmark(const std::string& user, const std::string& url) const;
+  std::vector<Bookmark> bookmarks(const std::string& user) const;  // newest first
+  std::size_t bookmarkCount(const std::string& user) const;
+  std::int64_t updateTime(const std::string& user) const;  // 0 without the account
+  std::map<std::string, int> tagCounts(const std::string& user) const;
+  std::string token(const std::string& user) const;   // "name:SECRET", empty without the account
+  std::string rssKey(const std::string& user) const;
+
+  std::vector<RequestRecord> requestLog() const;
+  void clearRequestLog();
+  // Requests whose path matches (exact, or a prefix ending in '*').
+  std::size_t requestCount(const std::string& path) const;
+
+  // ---- Behaviour ----
+  void addFault(Fault fault);
+  void clearFaults();
+  void setRateLimits(RateLimits limits);
+  void setQuirks(Quirks quirks);
+  Quirks quirks() const;
+  // Seconds since 1970 used for "now" (dates of new bookmarks, update times,
+  // rate limits). Defaults to the system clock; nullptr restores it.
+  void setClock(std::function<double()> clock);
+
+private:
+  struct Reply {
+    int status = 200;
+    std::string body;
+    std::string contentType;  // empty: the quirk's JSON type
+  };
+  class Server;
+
+  void _handle(const httplib::Request& req, httplib::Response& res);
+  bool _sleep(double seconds);  // false when stopped meanwhile
+  std::optional<Fault> _takeFault(const std::string& path);
+  double _now() const;
+  Account* _account(const std::string& user);
+  const Account* _account(const std::string& user) const;
+  Account& _insertAccount(const AccountSeed& seed);
+  std::string _authenticate(const httplib::Request& req, bool& basic, bool& malformed) const;
+  bool _rateLimited(const std::string& user, const std::string& path);
+  void _log(RequestRecord record);
+
+  // Routes (Simulator+Routes.cpp). Called with _mutex held.
+  Reply _api(const std::string& method, const httplib::Request& req, Account& account);
+  Reply _postsUpdate(const Account& a);
+  Reply _postsAdd(const httplib::Request& req, Account& a);
+  Reply _postsDelete(const httplib::Request& req, Account& a);
+  Reply _postsGet(const httplib::Request& req, const Account& a);
+  Reply _postsRecent(const httplib::Request& req, const Account& a);
+  Reply _postsDates(const httplib::Request& req, const Account& a);
+  Reply _postsAll(const httplib::Request& req, Account& a);
+  Reply _postsSuggest(const httplib::Request& req, const Account& a);
+  Reply _tagsGet(const Account& a);
+  Reply _tagsDelete(const httplib::Request& req, Account& a);
+  Reply _tagsRename(const httplib::Request& req, Account& a);
+  Reply _notesList(const Account& a);
+  Reply _note(const std::string& id, const Account& a);
+  Reply _json(const nlohmann::json& value) const;
+  Reply _resultCode(const std::string& text, const char* key = "result_code") const;
+  // Feeds (Simulator+Feeds.cpp). Called with _mutex held.
+  Reply _feed(const std::string& path, const httplib::Request& req);
+
+  SimulatorOptions _options;
+  std::unique_ptr<Server> _server;
+  std::thread _thread;
+  std::atomic<int> _port{0};
+  std::atomic<bool> _stopping{false};
+  std::mutex _sleepMutex;
+  std::condition_variable _sleepCondition;
+
+  mutable std::mutex _mutex;  // guards everything below
+  std::map<std::string, Account> _accounts;
+  std::map<std::string, std::vector<std::string>> _popularTags;
+  std::vector<Fault> _faults;
+  std::vector<RequestRecord> _requests;
+  std::map<std::string, double> _lastCall;  // "user\x1fclass" -> time of the last accepted call
+  std::function<double()> _clock;
+  std::uint64_t _stateVersion = 0;
+  // posts/all without filters, cached per account version: the big answer.
+  std::map<std::string, std::pair<std::uint64_t, std::shared_ptr<const std::string>>> _fullListCache;
+};
+
+}  // namespace pinboard_sim
