@@ -110,7 +110,7 @@ TEST(NSNotificationCenter, ConcurrentPostsAndRemovals) {
   }
   std::vector<std::thread> churners;
   for (int c = 0; c < 2; ++c) {
-    churners.emplace_back([&] {
+    churners.emplace_back([&, c] {
       while (!stop.load()) {
         auto removed = std::make_shared<std::atomic<bool>>(false);
         auto t = center.addObserver(c ? "tick" : "", nullptr, [&late, removed](const NSNotification&) {
