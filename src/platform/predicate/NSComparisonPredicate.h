@@ -75,6 +75,7 @@ public:
   bool isEqual(const NSObject& other) const override;
   std::size_t hash() const override;
   std::string className() const override { return "NSComparisonPredicate"; }
+  void encodeWithCoder(NSKeyedArchiver& coder) const override;
 
   bool _evaluate(const Value& object, ZBPredicateEvaluationState& state) const override;
   void _appendFormat(std::string& out) const override;

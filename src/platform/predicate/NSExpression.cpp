@@ -325,6 +325,7 @@ NSExpression::NSExpression(NSExpressionType type, Value constant, std::string na
       _operand(std::move(operand)),
       _arguments(std::move(arguments)),
       _predicate(std::move(predicate)) {
+  ZBPredicateRegisterArchivableClasses();
   if (_type == NSExpressionType::ConstantValue && _constant.isNull()) _constant = Value();
   if (_type == NSExpressionType::KeyPath) {
     _plainKeyPath = true;
@@ -463,10 +464,10 @@ std::string NSExpression::expressionFormat() const {
 namespace {
 
 // Operands of infix operators, key paths and indexes are parenthesised when
-// they would otherwise read differently: nested infix forms, and numbers (a
-// dot or minus would be taken as part of the number).
-void appendOperand(std::string& out, const NSExpressionPtr& e) {
-  bool wrap = e->_isInfix() || (e->expressionType() == NSExpressionType::ConstantValue &&
+// they are infix forms themselves; before '.' or '[' a number is too, since
+// the dot would read as part of it.
+void appendOperand(std::string& out, const NSExpressionPtr& e, bool wrapNumbers) {
+  bool wrap = e->_isInfix() || (wrapNumbers && e->expressionType() == NSExpressionType::ConstantValue &&
                                  e->constantValue().isNumber());
   if (wrap) out += '(';
   e->_appendFormat(out);
@@ -503,7 +504,7 @@ void NSExpression::_appendFormat(std::string& out) const {
       return;
     case NSExpressionType::KeyPath:
       if (_operand && _operand->expressionType() != NSExpressionType::EvaluatedObject) {
-        appendOperand(out, _operand);
+        appendOperand(out, _operand, true);
         if (_name.empty()) return;
         out += '.';
       } else if (_name.empty()) {
@@ -532,15 +533,15 @@ void NSExpression::_appendFormat(std::string& out) const {
     case NSExpressionType::Function: {
       const FunctionInfo* info = functionNamed(_name);
       if (info && info->infix && _arguments.size() == 2 && _arguments[0] && _arguments[1]) {
-        appendOperand(out, _arguments[0]);
+        appendOperand(out, _arguments[0], false);
         out += ' ';
         out += info->infix;
         out += ' ';
-        appendOperand(out, _arguments[1]);
+        appendOperand(out, _arguments[1], false);
         return;
       }
       if (_functionId == FnIndex) {
-        appendOperand(out, _arguments[0]);
+        appendOperand(out, _arguments[0], true);
         out += '[';
         _arguments[1]->_appendFormat(out);
         out += ']';

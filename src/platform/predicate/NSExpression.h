@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/archive/NSCoding.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/foundation/Value.h"
@@ -34,7 +35,7 @@ enum class NSExpressionType {
   Symbolic = 100,
 };
 
-class NSExpression final : public NSObject {
+class NSExpression final : public NSObject, public NSCoding {
 public:
   static NSExpressionPtr expressionForConstantValue(Value value);
   static NSExpressionPtr expressionForEvaluatedObject();
@@ -99,6 +100,7 @@ public:
   std::size_t hash() const override;
   std::string className() const override { return "NSExpression"; }
   std::string description() const override { return expressionFormat(); }
+  void encodeWithCoder(NSKeyedArchiver& coder) const override;
 
   // Internal: use the factory functions.
   NSExpression(NSExpressionType type, Value constant, std::string name, NSExpressionPtr operand,

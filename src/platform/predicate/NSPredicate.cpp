@@ -5,6 +5,8 @@
 #include "platform/predicate/impl/ZBPredicateEvaluation.h"
 #include "platform/predicate/impl/ZBPredicateParser.h"
 
+NSPredicate::NSPredicate() { ZBPredicateRegisterArchivableClasses(); }
+
 NSPredicatePtr NSPredicate::predicateWithFormat(std::string_view format, std::vector<Value> arguments,
                                                 NSErrorPtr* error) {
   return ZBParsePredicateFormat(format, arguments, error);

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/archive/NSCoding.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/foundation/Value.h"
@@ -24,7 +25,14 @@ class NSPredicate;
 using NSPredicatePtr = std::shared_ptr<NSPredicate>;
 struct ZBPredicateEvaluationState;  // impl/ZBPredicateEvaluation.h
 
-class NSPredicate : public NSObject {
+// Makes NSComparisonPredicate, NSCompoundPredicate, NSTruePredicate,
+// NSFalsePredicate and NSExpression decodable by NSKeyedUnarchiver (allowed
+// under "NSPredicate" or their own names). Idempotent and thread-safe. It runs
+// by itself when the first predicate or expression is built, so only code
+// that unarchives before building any needs to call it.
+void ZBPredicateRegisterArchivableClasses();
+
+class NSPredicate : public NSObject, public NSCoding {
 public:
   // Parses format, substituting arguments left to right for the specifiers
   // outside quotes: %@ (a constant: string, number, date, collection, object;
@@ -77,7 +85,7 @@ public:
   virtual NSPredicatePtr _map(const std::function<NSPredicatePtr(const NSPredicatePtr&)>& mapper) const;
 
 protected:
-  NSPredicate() = default;
+  NSPredicate();
 };
 
 // The constant predicates. Equal to every other instance of their class.
@@ -88,6 +96,7 @@ public:
   bool isEqual(const NSObject& other) const override;
   std::size_t hash() const override { return 0x7472756575; }
   std::string className() const override { return "NSTruePredicate"; }
+  void encodeWithCoder(NSKeyedArchiver&) const override {}
   bool _evaluate(const Value&, ZBPredicateEvaluationState&) const override { return true; }
   void _appendFormat(std::string& out) const override { out += "TRUEPREDICATE"; }
   NSTruePredicate() = default;
@@ -100,6 +109,7 @@ public:
   bool isEqual(const NSObject& other) const override;
   std::size_t hash() const override { return 0x66616c7365; }
   std::string className() const override { return "NSFalsePredicate"; }
+  void encodeWithCoder(NSKeyedArchiver&) const override {}
   bool _evaluate(const Value&, ZBPredicateEvaluationState&) const override { return false; }
   void _appendFormat(std::string& out) const override { out += "FALSEPREDICATE"; }
   NSFalsePredicate() = default;

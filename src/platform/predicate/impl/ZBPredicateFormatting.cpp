@@ -38,6 +38,10 @@ void appendDouble(std::string& out, double d) {
     out += d < 0 ? "-1e999" : "1e999";
     return;
   }
+  if (d == 0 && std::signbit(d)) {
+    out += "-0.0";  // "-0" would read back as the integer 0
+    return;
+  }
   char buffer[64];
   auto result = std::to_chars(buffer, buffer + sizeof buffer, d);
   out.append(buffer, result.ptr);
