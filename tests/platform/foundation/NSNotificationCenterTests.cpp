@@ -114,6 +114,7 @@ TEST(NSNotificationCenter, ConcurrentPostsAndRemovals) {
       while (!stop.load()) {
         auto removed = std::make_shared<std::atomic<bool>>(false);
         auto t = center.addObserver(c ? "tick" : "", nullptr, [&late, removed](const NSNotification&) {
+          std::this_thread::yield();  // widen the window between the validity check and the call's end
           if (removed->load()) ++late;
         });
         std::this_thread::yield();

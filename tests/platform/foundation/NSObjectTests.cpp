@@ -526,6 +526,7 @@ TEST(NSObjectObservation, ConcurrentRegistrationRemovalAndChanges) {
       while (!stop.load()) {
         auto removed = std::make_shared<std::atomic<bool>>(false);
         auto check = [&lateCallbacks, removed](const std::string&, NSObject&, const NSKeyValueChange&) {
+          std::this_thread::yield();  // widen the window between the validity check and the call's end
           if (removed->load()) ++lateCallbacks;
         };
         auto a = root->addObserver("leaf.v", New | Old | Prior, check);
