@@ -54,16 +54,10 @@ std::string lowercase(std::string s) {
   return s;
 }
 
-// "mailto:a@b", "about:blank": a scheme and an opaque rest, which curl's
-// parser (made for hierarchical URLs) refuses.
-std::shared_ptr<NSURL::Parts> parseOpaque(std::string_view text) {
-  const std::size_t colon = text.find(':');
-  if (colon == std::string_view::npos || colon == 0 || colon + 1 == text.size() || text[colon + 1] == '/') {
-    return nullptr;
-  }
-  for (std::size_t i = 0; i < colon; ++i) {
-    if (!isSchemeChar(text[i], i == 0)) return nullptr;
-  }
+// "mailto:a@b", "about:blank", "http:/path": a scheme and a rest without
+// an authority, which curl's parser (made for "scheme://host/…") refuses or
+// reads too kindly.
+std::shared_ptr<NSURL::Parts> makeOpaque(std::string_view text, std::size_t colon) {
   auto parts = std::make_shared<NSURL::Parts>();
   parts->text = std::string(text);
   parts->scheme = lowercase(std::string(text.substr(0, colon)));
@@ -134,6 +128,27 @@ std::optional<NSURL> NSURL::URLWithString(std::string_view text, NSErrorPtr* err
       return std::nullopt;
     }
   }
+  const std::size_t colon = text.find(':');
+  bool validScheme = colon != std::string_view::npos && colon > 0;
+  for (std::size_t i = 0; validScheme && i < colon; ++i) validScheme = isSchemeChar(text[i], i == 0);
+  if (!validScheme) {
+    ZBSetError(error, badURLError(text, curl_url_strerror(CURLUE_BAD_SCHEME)));
+    return std::nullopt;
+  }
+  const std::string_view rest = text.substr(colon + 1);
+  if (rest.substr(0, 2) != "//") {
+    if (rest.empty()) {
+      ZBSetError(error, badURLError(text, curl_url_strerror(CURLUE_MALFORMED_INPUT)));
+      return std::nullopt;
+    }
+    return NSURL(makeOpaque(text, colon));
+  }
+  // curl would take "http:///x" as the host "x"; an empty authority is no host.
+  if (rest.substr(0, 3) == "///" && lowercase(std::string(text.substr(0, colon))) != "file") {
+    ZBSetError(error, badURLError(text, curl_url_strerror(CURLUE_NO_HOST)));
+    return std::nullopt;
+  }
+
   CurlURL url(curl_url());
   if (!url) {
     ZBSetError(error, badURLError(text, curl_url_strerror(CURLUE_OUT_OF_MEMORY)));
@@ -143,9 +158,6 @@ std::optional<NSURL> NSURL::URLWithString(std::string_view text, NSErrorPtr* err
   // PATH_AS_IS keeps "/a/../b" as written: the URL must name exactly the
   // address it was made from.
   const CURLUcode rc = curl_url_set(url.get(), CURLUPART_URL, owned.c_str(), CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS);
-  if (rc == CURLUE_BAD_SLASHES) {
-    if (auto opaque = parseOpaque(text)) return NSURL(std::move(opaque));
-  }
   if (rc != CURLUE_OK) {
     ZBSetError(error, badURLError(text, curl_url_strerror(rc)));
     return std::nullopt;

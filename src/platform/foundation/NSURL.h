@@ -1,7 +1,8 @@
 #pragma once
 // NSURL: an absolute URL, parsed once by curl's URL parser. Hierarchical
-// URLs ("scheme://authority/path?query#fragment") give their parts; opaque
-// ones ("mailto:a@b", "about:blank") give only a scheme. The text given is
+// URLs ("scheme://authority/path?query#fragment") give their parts; the
+// others ("mailto:a@b", "about:blank", "http:/x") are opaque and give only a
+// scheme. The text given is
 // kept verbatim as absoluteString, so a URL made from a stored address
 // compares equal to that address.
 //
