@@ -54,16 +54,17 @@ struct NSNotificationObservation::Entry {
     block(notification);
   }
 
-  // Deliveries on other threads are waited for; one on the calling thread
-  // (a block removing itself) is not.
+  // Deliveries on other threads are waited for, unless the caller is itself
+  // inside this observer's block.
   void invalidate() {
     if (auto r = registry.lock()) r->remove(*this);
     std::unique_lock lock(mutex);
     valid = false;
     const auto self = std::this_thread::get_id();
-    idle.wait(lock, [&] {
-      return std::all_of(inFlight.begin(), inFlight.end(), [&](std::thread::id id) { return id == self; });
-    });
+    // From inside its own callback the caller cannot wait: another thread's
+    // call might be waiting on this one (two calls both removing themselves).
+    if (std::find(inFlight.begin(), inFlight.end(), self) != inFlight.end()) return;
+    idle.wait(lock, [&] { return inFlight.empty(); });
   }
 };
 

@@ -26,10 +26,11 @@ struct NSNotification {
 using NSNotificationBlock = std::function<void(const NSNotification&)>;
 
 // Removal token: the observer is removed when the token is destroyed or
-// invalidate() is called. After that returns, the block is not running on any
-// other thread and is never called again (a block that removes itself keeps
-// running to its end). Do not remove an observer while holding a lock that
-// its block may take on another thread. Move-only.
+// invalidate() is called. After that returns the block is never called again,
+// and (unless invalidate() was called from inside the block itself) it is not
+// running on any other thread either, so whatever the block refers to may be
+// destroyed. Hence: do not remove an observer while holding a lock that its
+// block may take. Move-only; one token is not for concurrent use.
 class NSNotificationObservation {
 public:
   NSNotificationObservation() = default;

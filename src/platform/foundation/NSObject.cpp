@@ -167,16 +167,17 @@ struct NSKeyValueObservation::State {
   }
 
   // Ends the observation: no callback starts after this returns, and callbacks
-  // running on other threads have finished. The calling thread's own callback
-  // (removal from inside a callback) is not waited for.
+  // running on other threads have finished, unless this is called from inside
+  // one of this observation's own callbacks.
   void invalidate() {
     std::unique_lock lock(mutex);
     valid = false;
     tree.reset();
     const auto self = std::this_thread::get_id();
-    idle.wait(lock, [&] {
-      return std::all_of(inFlight.begin(), inFlight.end(), [&](std::thread::id id) { return id == self; });
-    });
+    // From inside its own callback the caller cannot wait: another thread's
+    // call might be waiting on this one (two calls both removing themselves).
+    if (std::find(inFlight.begin(), inFlight.end(), self) != inFlight.end()) return;
+    idle.wait(lock, [&] { return inFlight.empty(); });
   }
 
   void deliver(const NSKeyValueChange& change) {

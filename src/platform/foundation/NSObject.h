@@ -4,11 +4,15 @@
 // with chained key paths ("refreshOperation.status" follows a replaced
 // operation), dependent keys, and New/Old/Initial/Prior options.
 //
-// Objects are held by std::shared_ptr; observation of key paths that pass
-// through other objects needs them to be so held (shared_from_this).
+// Objects are held by std::shared_ptr. Objects along an observed key path are
+// held weakly: observing never keeps them alive. The root of an observation
+// may be an object not (yet) owned by a shared_ptr (one observing itself from
+// its constructor); such an object must end its observations before it dies,
+// typically by owning the tokens.
 // Thread-safety: registering and removing observers is thread-safe, also from
 // inside a callback. Change notifications run synchronously on the thread that
-// made the change.
+// made the change, with no lock of ours held, so callbacks may change values
+// and add or remove observers.
 
 #include <atomic>
 #include <cstdint>
@@ -47,7 +51,12 @@ using NSKeyValueObserver =
     std::function<void(const std::string& keyPath, NSObject& object, const NSKeyValueChange& change)>;
 
 // Removal token: the observation ends when the token is destroyed or
-// invalidate() is called, whichever comes first. Move-only.
+// invalidate() is called, whichever comes first. After that returns the
+// callback is never called again, and (unless invalidate() was called from
+// inside the callback itself) it is not running on any other thread either, so
+// whatever the callback refers to may be destroyed. Hence: do not end an
+// observation while holding a lock its callback may take. Move-only; one
+// token is not for concurrent use.
 class NSKeyValueObservation {
 public:
   NSKeyValueObservation() = default;
@@ -83,15 +92,23 @@ public:
   Value valueForKeyPath(std::string_view keyPath) const;
   void setValueForKeyPath(const Value& value, std::string_view keyPath);
 
-  // Key-value observation of a key path rooted at this object.
+  // Key-value observation of a key path rooted at this object. Each change
+  // bracketed by willChange/didChange of a key on the path (or of a key path
+  // the path depends on) calls back once, even when the value is unchanged.
+  // Values are read through valueForKeyPath; a key an object does not know
+  // reads as absent here instead of throwing.
   [[nodiscard]] NSKeyValueObservation addObserver(std::string keyPath, NSKeyValueObservingOptions options,
                                                   NSKeyValueObserver callback);
-  // Bracket a change of a key; setters of observable properties call both.
-  // Observers of the key, of key paths through it and of keys depending on it
-  // are notified by didChangeValueForKey.
+  // Bracket a change of a key; setters of observable properties call both,
+  // outside any lock the getter takes. Old values are read in willChange, new
+  // ones in didChange, which notifies observers of the key, of key paths
+  // through it and of keys depending on it. Brackets nest (each did pairs with
+  // the latest unmatched will of the same key on the same thread). Cheap when
+  // nobody observes the object.
   void willChangeValueForKey(const std::string& key);
   void didChangeValueForKey(const std::string& key);
   // Key paths whose change is reported as a change of key (derived keys).
+  // Called while observations are set up: must only return constants.
   virtual std::vector<std::string> keyPathsForValuesAffectingValueForKey(const std::string& key) const;
 
   virtual bool isEqual(const NSObject& other) const { return this == &other; }

@@ -379,6 +379,23 @@ TEST(NSObjectObservation, DependencyOnAChainMovesWithTheChain) {
   EXPECT_EQ(r.seen[2].newValue, Value("B"));
   EXPECT_EQ(r.seen[3].oldValue, Value("B"));
   EXPECT_EQ(r.seen[3].newValue, Value("B'"));
+
+  // Observing through a derived key: "selected" is holder.item, so when the
+  // holder's item changes, "selected.name" must move to the new item.
+  auto chooser = Box::create({"holder", "selected"}, {{"selected", {"holder.item"}}});
+  chooser->derive("selected", [](const Box& b) { return b.valueForKeyPath("holder.item"); });
+  chooser->setValueForKey(holder2, "holder");  // holds itemB
+  Recorder names;
+  auto nameToken = chooser->addObserver("selected.name", New | Old, names.observer());
+  holder2->setValueForKey(itemA, "item");
+  ASSERT_EQ(names.count(), 1u);
+  EXPECT_EQ(names.seen[0].oldValue, Value("B'"));
+  EXPECT_EQ(names.seen[0].newValue, Value("stale"));
+  itemB->setValueForKey("B''", "name");
+  EXPECT_EQ(names.count(), 1u) << "the previous item is no longer selected";
+  itemA->setValueForKey("A''", "name");
+  ASSERT_EQ(names.count(), 2u);
+  EXPECT_EQ(names.seen[1].newValue, Value("A''"));
 }
 
 TEST(NSObjectObservation, DependencyCyclesTerminate) {
