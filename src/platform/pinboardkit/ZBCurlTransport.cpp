@@ -1,0 +1,126 @@
+#include <curl/curl.h>
+#include <strings.h>
+
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/foundation/NSURLError.h"
+#include "platform/pinboardkit/ZBHTTPTransport.h"
+
+namespace {
+
+struct EasyDeleter {
+  void operator()(CURL* c) const { curl_easy_cleanup(c); }
+};
+
+struct Exchange {
+  ZBHTTPResponse* response;
+  std::size_t maximum;
+  const std::function<bool()>* cancelled;
+  bool tooLarge = false;
+};
+
+std::size_t onBody(char* data, std::size_t size, std::size_t count, void* context) {
+  auto* x = static_cast<Exchange*>(context);
+  std::size_t n = size * count;
+  if (x->response->body.size() + n > x->maximum) {
+    x->tooLarge = true;
+    return 0;  // makes curl stop with CURLE_WRITE_ERROR
+  }
+  x->response->body.append(data, n);
+  return n;
+}
+
+std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* context) {
+  auto* x = static_cast<Exchange*>(context);
+  std::size_t n = size * count;
+  std::string line(data, n);
+  static const char name[] = "retry-after:";
+  if (line.size() > sizeof name - 1 && strncasecmp(line.c_str(), name, sizeof name - 1) == 0) {
+    char* end = nullptr;
+    double seconds = std::strtod(line.c_str() + sizeof name - 1, &end);
+    if (end != line.c_str() + sizeof name - 1 && seconds >= 0) x->response->retryAfter = seconds;
+  }
+  return n;
+}
+
+int onProgress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  auto* x = static_cast<Exchange*>(context);
+  return (*x->cancelled && (*x->cancelled)()) ? 1 : 0;
+}
+
+std::int64_t urlErrorCode(CURLcode code) {
+  switch (code) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY: return NSURLErrorCannotFindHost;
+    case CURLE_COULDNT_CONNECT: return NSURLErrorCannotConnectToHost;
+    case CURLE_OPERATION_TIMEDOUT: return NSURLErrorTimedOut;
+    case CURLE_GOT_NOTHING:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_PARTIAL_FILE: return NSURLErrorNetworkConnectionLost;
+    case CURLE_ABORTED_BY_CALLBACK: return NSURLErrorCancelled;
+    case CURLE_PEER_FAILED_VERIFICATION: return NSURLErrorServerCertificateUntrusted;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE: return NSURLErrorSecureConnectionFailed;
+    case CURLE_URL_MALFORMAT: return NSURLErrorBadURL;
+    case CURLE_UNSUPPORTED_PROTOCOL: return NSURLErrorUnsupportedURL;
+    case CURLE_BAD_CONTENT_ENCODING: return NSURLErrorCannotDecodeContentData;
+    default: return NSURLErrorUnknown;
+  }
+}
+
+// The URL up to its query: the query may hold the API token.
+std::string withoutQuery(const std::string& url) { return url.substr(0, url.find('?')); }
+
+}  // namespace
+
+std::shared_ptr<ZBCurlTransport> ZBCurlTransport::create() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  return std::make_shared<ZBCurlTransport>();
+}
+
+bool ZBCurlTransport::send(const ZBHTTPRequest& request, ZBHTTPResponse& response,
+                           const std::function<bool()>& cancelled, NSErrorPtr* error) {
+  response = ZBHTTPResponse();
+  std::unique_ptr<CURL, EasyDeleter> curl(curl_easy_init());
+  auto fail = [&](std::int64_t code, const std::string& description) {
+    return ZBSetError(error, NSError::create(NSURLErrorDomain, code,
+                                             Dictionary{{NSLocalizedDescriptionKey, description},
+                                                        {NSURLErrorFailingURLStringErrorKey, withoutQuery(request.url)}}));
+  };
+  if (!curl) return fail(NSURLErrorUnknown, "The network library could not start a request.");
+  Exchange x{&response, request.maximumBodySize, &cancelled};
+  CURL* c = curl.get();
+  curl_easy_setopt(c, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(c, CURLOPT_USERAGENT, "ZBTarrowData/1.0");
+  curl_easy_setopt(c, CURLOPT_ACCEPT_ENCODING, "");  // whatever curl can decode
+  curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout * 1000));
+  curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectTimeout * 1000));
+  curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, onBody);
+  curl_easy_setopt(c, CURLOPT_WRITEDATA, &x);
+  curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, onHeader);
+  curl_easy_setopt(c, CURLOPT_HEADERDATA, &x);
+  curl_easy_setopt(c, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(c, CURLOPT_XFERINFOFUNCTION, onProgress);
+  curl_easy_setopt(c, CURLOPT_XFERINFODATA, &x);
+  if (!request.username.empty()) {
+    curl_easy_setopt(c, CURLOPT_HTTPAUTH, CURLAUTH_BASIC);
+    curl_easy_setopt(c, CURLOPT_USERNAME, request.username.c_str());
+    curl_easy_setopt(c, CURLOPT_PASSWORD, request.password.c_str());
+  }
+  CURLcode code = curl_easy_perform(c);
+  if (code != CURLE_OK) {
+    if (x.tooLarge) return fail(NSURLErrorDataLengthExceedsMaximum, "The answer is too large.");
+    // curl's own texts name no URL, so they are safe to pass on.
+    return fail(urlErrorCode(code), curl_easy_strerror(code));
+  }
+  curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &response.status);
+  return true;
+}

@@ -1,0 +1,565 @@
+#include "platform/pinboardkit/ZBPinboardClient.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "platform/foundation/NSURLError.h"
+#include "platform/foundation/ZBLocalizedString.h"
+#include "platform/foundation/ZBMD5.h"
+#include "platform/pinboardkit/ZBPinboardResponseParser.h"
+#include "platform/pinboardkit/impl/ZBPinboardErrors.h"
+
+namespace fs = std::filesystem;
+
+struct ZBPinboardClient::Settings {
+  std::string apiBase = "https://api.pinboard.in/v1/";
+  std::string feedsBase = "https://feeds.pinboard.in/json/";
+  double timeout = 60;
+  double connectTimeout = 15;
+  double interval = 3;
+  double recentInterval = 60;
+  double allPostsInterval = 300;
+  double feedInterval = 1;
+  double backoffInitial = 3;
+  double backoffMaximum = 300;
+  int backoffRetries = 6;
+};
+
+// One HTTP exchange as the client sees it.
+struct ZBPinboardClient::Call {
+  std::string method;  // for errors: "posts/all", "feed u:alice/"
+  std::string url;
+  std::string requestClass;  // "feeds" or the API method
+  double classInterval = 0;
+  double timeout = 0;
+  std::string basicUser, basicPassword;
+};
+
+namespace {
+
+using Params = std::vector<std::pair<std::string, std::string>>;
+
+bool unreserved(unsigned char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+         c == '_' || c == '~';
+}
+
+// Percent-encoding; keep lists characters that may stay as they are.
+std::string escape(std::string_view text, std::string_view keep = {}) {
+  static const char* hex = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size() + 8);
+  for (unsigned char c : text) {
+    if (unreserved(c) || keep.find(static_cast<char>(c)) != std::string_view::npos) {
+      out.push_back(static_cast<char>(c));
+    } else {
+      out.push_back('%');
+      out.push_back(hex[c >> 4]);
+      out.push_back(hex[c & 15]);
+    }
+  }
+  return out;
+}
+
+std::string query(const Params& params) {
+  std::string q;
+  for (const auto& [k, v] : params) {
+    q += q.empty() ? '?' : '&';
+    q += escape(k);
+    q += '=';
+    q += escape(v);
+  }
+  return q;
+}
+
+std::string withSlash(std::string base) {
+  if (base.empty() || base.back() != '/') base.push_back('/');
+  return base;
+}
+
+// The service's datetime: whole seconds, UTC, "Z".
+std::string serviceDate(NSDate date) {
+  return NSDate(std::floor(date.timeIntervalSinceReferenceDate())).ISO8601String();
+}
+
+// Tags of a request: an array or set of strings. False for anything else.
+bool tagList(const Value& tags, std::vector<std::string>& out) {
+  out.clear();
+  if (!tags) return true;
+  if (tags.isString()) {
+    for (std::size_t i = 0, j; i <= tags.asString().size(); i = j + 1) {
+      j = std::min(tags.asString().find(' ', i), tags.asString().size());
+      if (j > i) out.push_back(tags.asString().substr(i, j - i));
+    }
+    return true;
+  }
+  if (!tags.isCollection()) return false;
+  for (const Value& t : tags.collectionElements()) {
+    if (!t.isString()) return false;
+    if (!t.asString().empty()) out.push_back(t.asString());
+  }
+  // A set has no order of its own; sorting keeps requests reproducible.
+  if (tags.isSet()) std::sort(out.begin(), out.end());
+  return true;
+}
+
+std::string joined(const std::vector<std::string>& tags) {
+  std::string s;
+  for (const auto& t : tags) {
+    if (!s.empty()) s += ' ';
+    s += t;
+  }
+  return s;
+}
+
+NSErrorPtr cancelledError() { return ZBUserCancelledError(); }
+
+Value fail(NSErrorPtr* error, NSErrorPtr e) {
+  ZBSetError(error, std::move(e));
+  return Value();
+}
+
+NSErrorPtr serviceError(const std::string& method, const std::string& resultCode) {
+  return ZBPinboardMakeError(
+      ZBPinboardKitServiceError, method,
+      Dictionary{{ZBPinboardResultCodeErrorKey, resultCode},
+                 {NSLocalizedRecoverySuggestionErrorKey, ZBLocalizedString("Pinboard answered:") + " “" + resultCode + "”"}});
+}
+
+}  // namespace
+
+ZBPinboardClient::ZBPinboardClient(std::shared_ptr<NSUserDefaults> userDefaults,
+                                   std::shared_ptr<ZBHTTPTransport> transport)
+    : _defaults(std::move(userDefaults)), _transport(transport ? std::move(transport) : ZBCurlTransport::create()) {}
+
+std::shared_ptr<ZBPinboardClient> ZBPinboardClient::create(std::shared_ptr<NSUserDefaults> userDefaults,
+                                                           std::shared_ptr<ZBHTTPTransport> transport) {
+  auto client = std::make_shared<ZBPinboardClient>(std::move(userDefaults), std::move(transport));
+  // A damaged file counts as signed out; it is left for the user to inspect
+  // until the next sign-in replaces it.
+  client->_credentials = ZBPinboardCredentials::readFromFile(client->_credentialsPath());
+  return client;
+}
+
+ZBPinboardClient::Settings ZBPinboardClient::_settings() const {
+  Settings s;
+  if (!_defaults) return s;
+  auto number = [&](const std::string& key, double& out, double minimum) {
+    Value v = _defaults->objectForKey(key);
+    if (v.isNumber() || v.isString()) {
+      double d = v.doubleValue();
+      if (std::isfinite(d) && d >= minimum) out = d;
+    }
+  };
+  auto text = [&](const std::string& key, std::string& out) {
+    std::string v = _defaults->stringForKey(key);
+    if (!v.empty()) out = withSlash(v);
+  };
+  text(ZBPinboardAPIBaseURLDefaultKey, s.apiBase);
+  text(ZBPinboardFeedsBaseURLDefaultKey, s.feedsBase);
+  number(ZBPinboardRequestTimeoutDefaultKey, s.timeout, 0.001);
+  number(ZBPinboardConnectTimeoutDefaultKey, s.connectTimeout, 0.001);
+  number(ZBPinboardRequestIntervalDefaultKey, s.interval, 0);
+  number(ZBPinboardRecentIntervalDefaultKey, s.recentInterval, 0);
+  number(ZBPinboardAllPostsIntervalDefaultKey, s.allPostsInterval, 0);
+  number(ZBPinboardFeedIntervalDefaultKey, s.feedInterval, 0);
+  number(ZBPinboardBackoffInitialDefaultKey, s.backoffInitial, 0);
+  number(ZBPinboardBackoffMaximumDefaultKey, s.backoffMaximum, 0);
+  double retries = s.backoffRetries;
+  number(ZBPinboardBackoffRetriesDefaultKey, retries, 0);
+  s.backoffRetries = static_cast<int>(std::min(retries, 100.0));
+  return s;
+}
+
+fs::path ZBPinboardClient::_credentialsPath() const {
+  if (_defaults) {
+    std::string configured = _defaults->stringForKey(ZBPinboardCredentialsPathDefaultKey);
+    if (!configured.empty()) return configured;
+    return _defaults->path().parent_path() / "pinboard-credentials.plist";
+  }
+  return NSUserDefaults::standardUserDefaultsPath().parent_path() / "pinboard-credentials.plist";
+}
+
+// ---- Credentials ----
+
+std::shared_ptr<ZBPinboardCredentials> ZBPinboardClient::credentials() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _credentials;
+}
+
+void ZBPinboardClient::setCredentials(std::shared_ptr<ZBPinboardCredentials> credentials) {
+  willChangeValueForKey(ZBPinboardClientCredentialsKey);
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _credentials = credentials;
+  }
+  if (!credentials) (void)ZBPinboardCredentials::removeFile(_credentialsPath());
+  didChangeValueForKey(ZBPinboardClientCredentialsKey);
+}
+
+Value ZBPinboardClient::valueForKey(const std::string& key) const {
+  if (key == ZBPinboardClientCredentialsKey) return Value(credentials());
+  return NSObject::valueForKey(key);
+}
+
+void ZBPinboardClient::setValueForKey(const Value& value, const std::string& key) {
+  if (key == ZBPinboardClientCredentialsKey) return setCredentials(value.as<ZBPinboardCredentials>());
+  NSObject::setValueForKey(value, key);
+}
+
+bool ZBPinboardClient::logout(NSErrorPtr* error) {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _rssKeyValue.clear();
+    _rssKeyOwner.clear();
+  }
+  return ZBPinboardCredentials::removeFile(_credentialsPath(), error);
+}
+
+// ---- The exchange ----
+
+bool ZBPinboardClient::_perform(const Call& call, const ZBPinboardRequestOperation& operation, std::string& body,
+                                NSErrorPtr* error) {
+  const Settings s = _settings();
+  std::function<bool()> cancelled = [&operation] { return operation.isCancelled(); };
+  double backoff = s.backoffInitial;
+  for (int attempt = 0;; ++attempt) {
+    bool turn = call.requestClass == "feeds"
+                    ? _limiter.waitForTurn("feeds", 0, s.feedInterval, cancelled)
+                    : _limiter.waitForTurn(call.requestClass, s.interval, call.classInterval, cancelled);
+    if (!turn) return ZBSetError(error, cancelledError());
+    ZBHTTPRequest request;
+    request.url = call.url;
+    request.username = call.basicUser;
+    request.password = call.basicPassword;
+    request.timeout = call.timeout > 0 ? call.timeout : s.timeout;
+    request.connectTimeout = s.connectTimeout;
+    ZBHTTPResponse response;
+    NSErrorPtr transportError;
+    if (!_transport->send(request, response, cancelled, &transportError)) {
+      if (operation.isCancelled()) return ZBSetError(error, cancelledError());
+      std::int64_t code = transportError && transportError->code() == NSURLErrorTimedOut ? ZBPinboardKitTimedOutError
+                                                                                           : ZBPinboardKitNetworkError;
+      Dictionary extra;
+      if (transportError) extra.set(NSUnderlyingErrorKey, Value(transportError));
+      return ZBSetError(error, ZBPinboardMakeError(code, call.method, std::move(extra)));
+    }
+    const Dictionary status{{ZBPinboardHTTPStatusErrorKey, Value(static_cast<std::int64_t>(response.status))}};
+    if (response.status == 429) {
+      if (attempt >= s.backoffRetries)
+        return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitRateLimitedError, call.method, status));
+      // Wait as long as the server asks, at least our own doubling back-off.
+      double wait = std::min(std::max(backoff, response.retryAfter), s.backoffMaximum);
+      if (!ZBPinboardRateLimiter::sleep(wait, cancelled)) return ZBSetError(error, cancelledError());
+      backoff = std::min(backoff * 2, s.backoffMaximum);
+      continue;
+    }
+    if (response.status == 401 || response.status == 403)
+      return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitUnauthorizedError, call.method, status));
+    if (response.status != 200)
+      return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitServerError, call.method, status));
+    body = std::move(response.body);
+    return true;
+  }
+}
+
+bool ZBPinboardClient::_api(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
+                            std::string& body, NSErrorPtr* error) {
+  auto credentials = this->credentials();
+  if (!credentials) return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method));
+  const Settings s = _settings();
+  params.emplace_back("format", "json");
+  params.emplace_back("auth_token", credentials->apiToken());
+  Call call;
+  call.method = method;
+  call.url = s.apiBase + method + query(params);
+  call.requestClass = method;
+  if (method == "posts/all") {
+    call.classInterval = s.allPostsInterval;
+    call.timeout = s.timeout * 10;  // the whole account, possibly tens of megabytes
+  } else if (method == "posts/recent") {
+    call.classInterval = s.recentInterval;
+  }
+  return _perform(call, operation, body, error);
+}
+
+// ---- Authentication ----
+
+ZBPinboardClient::Operation ZBPinboardClient::authenticateWithUsernameToken(const std::string& username,
+                                                                           const std::string& token) {
+  // The settings page shows the whole token ("name:SECRET"); take either form.
+  std::string secret = token;
+  if (secret.size() > username.size() && secret.compare(0, username.size() + 1, username + ":") == 0)
+    secret = secret.substr(username.size() + 1);
+  return _authenticate(username, secret, false);
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::authenticateWithUsernamePassword(const std::string& username,
+                                                                              const std::string& password) {
+  return _authenticate(username, password, true);
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::_authenticate(const std::string& username, const std::string& secret,
+                                                           bool password) {
+  const std::string method = "user/api_token";
+  return ZBPinboardRequestOperation::create(
+      method, [self = _self(), username, secret, password, method](const ZBPinboardRequestOperation& op,
+                                                                   NSErrorPtr* error) -> Value {
+        if (username.empty() || secret.empty() || username.find(':') != std::string::npos)
+          return fail(error, ZBPinboardMakeError(ZBPinboardKitUnauthorizedError, method));
+        const Settings s = self->_settings();
+        Call call;
+        call.method = method;
+        call.requestClass = method;
+        Params params{{"format", "json"}};
+        if (password) {
+          call.basicUser = username;
+          call.basicPassword = secret;
+        } else {
+          params.emplace_back("auth_token", username + ":" + secret);
+        }
+        call.url = s.apiBase + method + query(params);
+        std::string body;
+        if (!self->_perform(call, op, body, error)) return Value();
+        Value token = ZBPinboardResponseParser::resultText(body, method, error);
+        if (!token) return Value();
+        if (token.asString().empty())
+          return fail(error, ZBPinboardMakeError(ZBPinboardKitMalformedResponseError, method));
+        auto credentials = ZBPinboardCredentials::create(username, password ? token.asString() : secret);
+        NSErrorPtr storeError;
+        if (!credentials->writeToFile(self->_credentialsPath(), &storeError)) {
+          return fail(error, ZBPinboardMakeError(ZBPinboardKitCredentialsNotStoredError, method,
+                                                 Dictionary{{ZBPinboardCredentialsErrorKey, Value(credentials)},
+                                                            {NSUnderlyingErrorKey, Value(storeError)}}));
+        }
+        return Value(credentials);
+      });
+}
+
+// ---- Posts ----
+
+ZBPinboardClient::Operation ZBPinboardClient::retrieveLastPostUpdateDate() {
+  return ZBPinboardRequestOperation::create("posts/update", [self = _self()](const ZBPinboardRequestOperation& op,
+                                                                              NSErrorPtr* error) -> Value {
+    std::string body;
+    if (!self->_api("posts/update", {}, op, body, error)) return Value();
+    return ZBPinboardResponseParser::updateTime(body, "posts/update", error);
+  });
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTagsStartDate(const Value& tags,
+                                                                               const Value& startDate,
+                                                                               const Value& endDate) {
+  return ZBPinboardRequestOperation::create(
+      "posts/all", [self = _self(), tags, startDate, endDate](const ZBPinboardRequestOperation& op,
+                                                              NSErrorPtr* error) -> Value {
+        const std::string method = "posts/all";
+        std::vector<std::string> list;
+        if (!tagList(tags, list) || list.size() > 3 || (startDate && !startDate.isDate()) ||
+            (endDate && !endDate.isDate()))
+          return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
+        Params params;
+        if (!list.empty()) params.emplace_back("tag", joined(list));
+        if (startDate) params.emplace_back("fromdt", serviceDate(startDate.asDate()));
+        if (endDate) params.emplace_back("todt", serviceDate(endDate.asDate()));
+        std::string body;
+        if (!self->_api(method, std::move(params), op, body, error)) return Value();
+        auto credentials = self->credentials();
+        return ZBPinboardResponseParser::posts(body, credentials ? credentials->username() : std::string(), method,
+                                               error);
+      });
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTags(const Value& tags) {
+  return retrieveAllPostsWithTagsStartDate(tags, Value(), Value());
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::retrievePostSuggestedTagsForURL(const std::string& url) {
+  return ZBPinboardRequestOperation::create(
+      "posts/suggest", [self = _self(), url](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
+        if (url.empty()) return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, "posts/suggest"));
+        std::string body;
+        if (!self->_api("posts/suggest", {{"url", url}}, op, body, error)) return Value();
+        return ZBPinboardResponseParser::suggestedTags(body, "posts/suggest", error);
+      });
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::createPostWithProperties(const Dictionary& properties) {
+  return _sendPost(properties, "posts/add");
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::updatePostWithProperties(const Dictionary& properties) {
+  return _sendPost(properties, "posts/add");
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::_sendPost(const Dictionary& properties, const char* name) {
+  return ZBPinboardRequestOperation::create(
+      name, [self = _self(), properties](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
+        const std::string method = "posts/add";
+        const Value& url = properties[ZBPinboardPostURLKey];
+        std::vector<std::string> tags;
+        const Value& date = properties[ZBPinboardPostDateKey];
+        if (!url.isString() || url.asString().empty() || !tagList(properties[ZBPinboardPostTagsKey], tags) ||
+            (date && !date.isDate()))
+          return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
+        // The service replaces the whole bookmark, so every field goes out,
+        // empty ones included: leaving one out would erase it.
+        const Value& shared = properties[ZBPinboardPostSharedKey];
+        const Value& unread = properties[ZBPinboardPostUnreadKey];
+        Params params{{"url", url.asString()},
+                      {"description", properties[ZBPinboardPostTitleKey].asString()},
+                      {"extended", properties[ZBPinboardPostDescKey].asString()},
+                      {"tags", joined(tags)},
+                      {"shared", (!shared || shared.boolValue()) ? "yes" : "no"},
+                      {"toread", unread.boolValue() ? "yes" : "no"},
+                      {"replace", "yes"}};
+        if (date) params.emplace_back("dt", serviceDate(date.asDate()));
+        std::string body;
+        if (!self->_api(method, std::move(params), op, body, error)) return Value();
+        Value result = ZBPinboardResponseParser::resultText(body, method, error);
+        if (!result) return Value();
+        if (result.asString() != "done") return fail(error, serviceError(method, result.asString()));
+        Value identifier = properties[ZBPinboardPostIdentifierKey];
+        if (!identifier.isString()) identifier = Value(ZBMD5HexString(url.asString()));
+        return Value(Dictionary{{ZBPinboardPostIdentifierKey, identifier}, {ZBPinboardPostURLKey, url}});
+      });
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::deletePostWithProperties(const Dictionary& properties) {
+  return ZBPinboardRequestOperation::create(
+      "posts/delete", [self = _self(), properties](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
+        const std::string method = "posts/delete";
+        const Value& url = properties[ZBPinboardPostURLKey];
+        if (!url.isString() || url.asString().empty())
+          return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
+        std::string body;
+        if (!self->_api(method, {{"url", url.asString()}}, op, body, error)) return Value();
+        Value result = ZBPinboardResponseParser::resultText(body, method, error);
+        if (!result) return Value();
+        // Already gone on the service is what deleting wanted: report success
+        // so the local deletion can complete instead of failing forever.
+        if (result.asString() != "done" && result.asString() != "item not found")
+          return fail(error, serviceError(method, result.asString()));
+        Value identifier = properties[ZBPinboardPostIdentifierKey];
+        if (!identifier.isString()) identifier = Value(ZBMD5HexString(url.asString()));
+        return Value(Dictionary{{ZBPinboardPostIdentifierKey, identifier}, {ZBPinboardPostURLKey, url}});
+      });
+}
+
+// ---- Tags ----
+
+ZBPinboardClient::Operation ZBPinboardClient::renameTag(const std::string& oldTitle, const std::string& newTitle) {
+  return ZBPinboardRequestOperation::create(
+      "tags/rename", [self = _self(), oldTitle, newTitle](const ZBPinboardRequestOperation& op,
+                                                          NSErrorPtr* error) -> Value {
+        std::string body;
+        if (!self->_api("tags/rename", {{"old", oldTitle}, {"new", newTitle}}, op, body, error)) return Value();
+        Value result = ZBPinboardResponseParser::resultText(body, "tags/rename", error);
+        if (!result) return Value();
+        if (result.asString() != "done") return fail(error, serviceError("tags/rename", result.asString()));
+        return Value(newTitle);
+      });
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::deleteTag(const std::string& title) {
+  return ZBPinboardRequestOperation::create(
+      "tags/delete", [self = _self(), title](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
+        std::string body;
+        if (!self->_api("tags/delete", {{"tag", title}}, op, body, error)) return Value();
+        Value result = ZBPinboardResponseParser::resultText(body, "tags/delete", error);
+        if (!result) return Value();
+        if (result.asString() != "done") return fail(error, serviceError("tags/delete", result.asString()));
+        return Value(title);
+      });
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::retrieveTags() {
+  return ZBPinboardRequestOperation::create("tags/get", [self = _self()](const ZBPinboardRequestOperation& op,
+                                                                          NSErrorPtr* error) -> Value {
+    std::string body;
+    if (!self->_api("tags/get", {}, op, body, error)) return Value();
+    return ZBPinboardResponseParser::tagCounts(body, "tags/get", error);
+  });
+}
+
+// ---- Feeds ----
+
+namespace {
+
+// A feed path piece: ':' stays readable ("u:alice", "t:c++" → "t:c%2B%2B").
+std::string segment(std::string_view text) { return escape(text, ":@") + "/"; }
+
+}  // namespace
+
+bool ZBPinboardClient::_rssKey(const ZBPinboardCredentials& credentials, const ZBPinboardRequestOperation& op,
+                               std::string& key, NSErrorPtr* error) {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (!_rssKeyValue.empty() && _rssKeyOwner == credentials.apiToken()) {
+      key = _rssKeyValue;
+      return true;
+    }
+  }
+  std::string body;
+  if (!_api("user/secret", {}, op, body, error)) return false;
+  Value secret = ZBPinboardResponseParser::resultText(body, "user/secret", error);
+  if (!secret) return false;
+  if (secret.asString().empty())
+    return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitMalformedResponseError, "user/secret"));
+  key = secret.asString();
+  std::lock_guard<std::mutex> lock(_mutex);
+  _rssKeyValue = key;
+  _rssKeyOwner = credentials.apiToken();
+  return true;
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::_feed(std::string name, std::string path, bool secret,
+                                                    std::uint64_t count) {
+  return ZBPinboardRequestOperation::create(
+      "feed " + name, [self = _self(), name, path, secret, count](const ZBPinboardRequestOperation& op,
+                                                                   NSErrorPtr* error) -> Value {
+        const std::string method = "feed " + name;
+        std::string prefix;
+        if (secret) {
+          auto credentials = self->credentials();
+          if (!credentials) return fail(error, ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method));
+          std::string key;
+          if (!self->_rssKey(*credentials, op, key, error)) return Value();
+          prefix = segment("secret:" + key) + segment("u:" + credentials->username());
+        }
+        Call call;
+        call.method = method;
+        call.requestClass = "feeds";
+        call.url = self->_settings().feedsBase + prefix + path + query({{"count", std::to_string(count)}});
+        std::string body;
+        if (!self->_perform(call, op, body, error)) return Value();
+        return ZBPinboardResponseParser::feed(body, method, error);
+      });
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::retrieveFeedWithMethod(const std::string& method, bool authenticated,
+                                                                     std::uint64_t resultsCount) {
+  // A method may have several levels ("popular/wikipedia").
+  std::string path;
+  for (std::size_t i = 0, j; i <= method.size(); i = j + 1) {
+    j = std::min(method.find('/', i), method.size());
+    if (j > i) path += segment(std::string_view(method).substr(i, j - i));
+  }
+  return _feed(method, path, authenticated, resultsCount);
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::retrieveFeedWithSource(const std::string& source,
+                                                                     std::uint64_t resultsCount) {
+  return _feed("from:" + source, segment("from:" + source), true, resultsCount);
+}
+
+ZBPinboardClient::Operation ZBPinboardClient::retrieveFeedWithUsername(const std::string& username, const Value& tags,
+                                                                       std::uint64_t resultsCount) {
+  std::vector<std::string> list;
+  if (!tagList(tags, list)) list.clear();
+  if (username.empty() && list.empty()) return nullptr;  // the whole site: too broad to ask
+  std::string path;
+  if (!username.empty()) path += segment("u:" + username);
+  for (const auto& t : list) path += segment("t:" + t);
+  return _feed(path, path, false, resultsCount);
+}

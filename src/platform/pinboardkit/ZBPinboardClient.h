@@ -1,0 +1,152 @@
+#pragma once
+// ZBPinboardClient: the one way the system talks to Pinboard (the v1 API and
+// the JSON feeds). Every request returns at once a new, not yet started
+// ZBPinboardRequestOperation; the caller runs it where it likes (a work plan,
+// a queue) and reads its completion provider. Only logout() is synchronous.
+//
+// Requests read their settings from the user defaults given at creation, at
+// the moment they run (base URLs, time-outs, rate-limit spacing, back-off;
+// keys in ZBPinboardKit.h). They are spaced as the service asks (per client:
+// 3 s between API calls, 5 min between posts/all calls, by default), and an
+// HTTP 429 is retried after a wait that doubles each time, up to a cap and a
+// number of retries, before it becomes ZBPinboardKitRateLimitedError.
+//
+// Post dictionaries carry the model's keys (ZBPinboardPost…Key): identifier
+// (the service's hash), meta, url, title, desc, date (NSDate), shared and
+// unread (bool), tags (array of strings), username (the signed-in user for
+// the account's own posts, the author in feeds) and others when the service
+// sends it. Absent values are left out.
+//
+// Credentials: `credentials` is observable under ZBPinboardClientCredentialsKey.
+// Authentication stores the credentials it obtains in a file only the user
+// can read (see ZBPinboardCredentials); a password is used once to obtain the
+// token and never kept. The token never appears in an error, a description or
+// a log line.
+//
+// Lifetime: held by std::shared_ptr (create()); operations keep it alive while
+// they run. Thread-safe: every method may be called from any thread, and
+// operations may run at the same time.
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "platform/foundation/NSError.h"
+#include "platform/foundation/NSObject.h"
+#include "platform/foundation/NSUserDefaults.h"
+#include "platform/pinboardkit/ZBHTTPTransport.h"
+#include "platform/pinboardkit/ZBPinboardCredentials.h"
+#include "platform/pinboardkit/ZBPinboardKit.h"
+#include "platform/pinboardkit/ZBPinboardRequestOperation.h"
+#include "platform/pinboardkit/impl/ZBPinboardRateLimiter.h"
+
+class ZBPinboardClient final : public NSObject {
+public:
+  using Operation = std::shared_ptr<ZBPinboardRequestOperation>;
+
+  // A client configured by userDefaults, signed in with the credentials file
+  // when there is a readable one. transport: nullptr for libcurl.
+  static std::shared_ptr<ZBPinboardClient> create(std::shared_ptr<NSUserDefaults> userDefaults,
+                                                  std::shared_ptr<ZBHTTPTransport> transport = nullptr);
+
+  // ---- Credentials ----
+  // nullptr when signed out.
+  std::shared_ptr<ZBPinboardCredentials> credentials() const;
+  // Replaces the credentials in memory, notifying observers. Setting nullptr
+  // also removes the credentials file, so that a failed sign-in stays signed
+  // out across runs; non-null credentials are not written (authentication did
+  // that, or the user chose to continue without saving).
+  void setCredentials(std::shared_ptr<ZBPinboardCredentials> credentials);
+
+  // Result: the credentials (ZBPinboardCredentials) once the service accepted
+  // the token and they were stored; -200 with them under
+  // ZBPinboardCredentialsErrorKey when they could not be stored; -201 when
+  // refused. A token pasted whole ("name:SECRET") is accepted too.
+  Operation authenticateWithUsernameToken(const std::string& username, const std::string& token);
+  // The same, obtaining the token with the password (HTTP Basic).
+  Operation authenticateWithUsernamePassword(const std::string& username, const std::string& password);
+  // Forgets the stored credentials (the file) and any cached feed key. Does
+  // not change `credentials`; the caller clears them. False with the file
+  // error when the file cannot be removed.
+  [[nodiscard]] bool logout(NSErrorPtr* error = nullptr);
+
+  // ---- Requests (signed in) ----
+  // Result: NSDate of the last change to the user's bookmarks.
+  Operation retrieveLastPostUpdateDate();
+  // Result: Array of post dictionaries saved between startDate and endDate,
+  // both included (each an NSDate, or absent for no bound). tags: absent for
+  // all, else an array or set of at most three strings.
+  Operation retrieveAllPostsWithTagsStartDate(const Value& tags, const Value& startDate, const Value& endDate);
+  // Result: Array of all the user's post dictionaries (newest first).
+  Operation retrieveAllPostsWithTags(const Value& tags);
+  // Result: Array of feed post dictionaries. method names a feed ("popular",
+  // "recent", "popular/wikipedia", "starred", "network"…); authenticated asks
+  // for the signed-in user's own view of it (secret feed), which needs
+  // credentials.
+  Operation retrieveFeedWithMethod(const std::string& method, bool authenticated, std::uint64_t resultsCount);
+  // Result: Array of the user's bookmarks saved through source ("twitter",
+  // "pocket"…), private ones included.
+  Operation retrieveFeedWithSource(const std::string& source, std::uint64_t resultsCount);
+  // Result: Array of public bookmarks of username (empty: anyone) carrying
+  // every tag of tags (an array or set of strings; empty ones are ignored).
+  // nullptr (no operation) when there is neither a user nor a tag to ask for.
+  Operation retrieveFeedWithUsername(const std::string& username, const Value& tags, std::uint64_t resultsCount);
+  // Result: Array of tag strings, the popular ones then the recommended ones,
+  // repeats kept.
+  Operation retrievePostSuggestedTagsForURL(const std::string& url);
+  // Send every field of a bookmark (url required; title, desc, tags, date,
+  // shared, unread as present): the service replaces the whole bookmark for
+  // that URL. Result: {identifier, url}, identifier being the one sent (or
+  // the MD5 of the URL when none was). A refusal is ZBPinboardKitServiceError.
+  Operation createPostWithProperties(const Dictionary& properties);
+  Operation updatePostWithProperties(const Dictionary& properties);
+  // Result: {identifier, url} as above. A bookmark the service no longer has
+  // counts as deleted.
+  Operation deletePostWithProperties(const Dictionary& properties);
+  // Result: the new title (a string).
+  Operation renameTag(const std::string& oldTitle, const std::string& newTitle);
+  // Result: the title (a string). Deleting an unknown tag succeeds.
+  Operation deleteTag(const std::string& title);
+  // Result: Dictionary from tag to integer count.
+  Operation retrieveTags();
+
+  // "credentials" (ZBPinboardClientCredentialsKey).
+  Value valueForKey(const std::string& key) const override;
+  void setValueForKey(const Value& value, const std::string& key) override;
+  std::string className() const override { return "ZBPinboardClient"; }
+
+  ZBPinboardClient(std::shared_ptr<NSUserDefaults> userDefaults, std::shared_ptr<ZBHTTPTransport> transport);
+
+private:
+  struct Settings;
+  struct Call;
+  enum class Reply;
+
+  std::shared_ptr<ZBPinboardClient> _self() {
+    return std::static_pointer_cast<ZBPinboardClient>(shared_from_this());
+  }
+  Settings _settings() const;
+  std::filesystem::path _credentialsPath() const;
+  // Performs call, spacing and retrying as configured. Fills body on an
+  // HTTP 200; false with the error otherwise.
+  bool _perform(const Call& call, const ZBPinboardRequestOperation& operation, std::string& body,
+                NSErrorPtr* error);
+  // An authenticated API call returning the body, or false with the error.
+  bool _api(const std::string& method, std::vector<std::pair<std::string, std::string>> params,
+            const ZBPinboardRequestOperation& operation, std::string& body, NSErrorPtr* error);
+  Operation _authenticate(const std::string& username, const std::string& secret, bool password);
+  Operation _feed(std::string name, std::string path, bool secret, std::uint64_t count);
+  Operation _sendPost(const Dictionary& properties, const char* name);
+  // The feed key of the signed-in user (user/secret), fetched once per
+  // credentials.
+  bool _rssKey(const ZBPinboardCredentials& credentials, const ZBPinboardRequestOperation& operation,
+               std::string& key, NSErrorPtr* error);
+
+  const std::shared_ptr<NSUserDefaults> _defaults;
+  const std::shared_ptr<ZBHTTPTransport> _transport;
+  ZBPinboardRateLimiter _limiter;
+  mutable std::mutex _mutex;
+  std::shared_ptr<ZBPinboardCredentials> _credentials;  // guarded by _mutex
+  std::string _rssKeyValue;                             // guarded by _mutex
+  std::string _rssKeyOwner;                             // guarded by _mutex: apiToken() it belongs to
+};
