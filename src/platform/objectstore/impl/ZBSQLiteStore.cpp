@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "platform/foundation/NSUUID.h"
+#include "platform/objectstore/impl/ZBFetchPlanner.h"
 
 namespace {
 
@@ -233,6 +234,7 @@ bool ZBSQLiteStore::_configure(const OpenOptions& options, NSErrorPtr* error) {
   double timeout = options.busyTimeoutSeconds;
   int ms = timeout <= 0 ? 0 : timeout > 2e6 ? 2000000000 : static_cast<int>(timeout * 1000);
   sqlite3_busy_timeout(_db->handle(), ms);
+  ZBRegisterSQLFunctions(_db->handle());
   NSErrorPtr sqliteError;
   if (!_db->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;", &sqliteError)) {
     int rc = static_cast<int>(sqliteError->userInfo()[NSSQLiteErrorDomain].integerValue());

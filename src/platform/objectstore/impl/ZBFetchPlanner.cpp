@@ -1,0 +1,89 @@
+#include "platform/objectstore/impl/ZBFetchPlanner.h"
+
+#include "platform/predicate/NSComparisonPredicate.h"
+#include "platform/predicate/NSCompoundPredicate.h"
+
+namespace {
+
+std::string collationFor(NSSortComparison comparison) {
+  switch (comparison) {
+    case NSSortComparison::Compare: return "";
+    case NSSortComparison::CaseInsensitiveCompare: return " COLLATE ZB_CASE_INSENSITIVE";
+    case NSSortComparison::LocalizedCaseInsensitiveCompare: return " COLLATE ZB_LOCALIZED";
+    case NSSortComparison::LocalizedStandardCompare: return " COLLATE ZB_LOCALIZED_STANDARD";
+  }
+  return "";
+}
+
+}  // namespace
+
+std::optional<std::pair<std::size_t, Value>> ZBEqualityConjunct(const NSPredicate& predicate,
+                                                                 const NSEntityDescription& entity) {
+  if (auto* compound = dynamic_cast<const NSCompoundPredicate*>(&predicate)) {
+    if (compound->compoundPredicateType() != NSCompoundPredicateType::And) return std::nullopt;
+    for (auto& sub : compound->subpredicates()) {
+      if (auto found = ZBEqualityConjunct(*sub, entity)) return found;
+    }
+    return std::nullopt;
+  }
+  auto* comparison = dynamic_cast<const NSComparisonPredicate*>(&predicate);
+  if (!comparison || comparison->predicateOperatorType() != NSPredicateOperatorType::EqualTo ||
+      comparison->comparisonPredicateModifier() != NSComparisonPredicateModifier::Direct ||
+      (comparison->options() & (NSCaseInsensitivePredicateOption | NSDiacriticInsensitivePredicateOption))) {
+    return std::nullopt;
+  }
+  auto& left = *comparison->leftExpression();
+  auto& right = *comparison->rightExpression();
+  const NSExpression* key = nullptr;
+  const NSExpression* constant = nullptr;
+  if (left.expressionType() == NSExpressionType::KeyPath && right.expressionType() == NSExpressionType::ConstantValue) {
+    key = &left;
+    constant = &right;
+  } else if (right.expressionType() == NSExpressionType::KeyPath &&
+             left.expressionType() == NSExpressionType::ConstantValue) {
+    key = &right;
+    constant = &left;
+  } else {
+    return std::nullopt;
+  }
+  auto* attribute = entity.attributeNamed(key->keyPath());
+  if (!attribute || constant->constantValue().isAbsent() || constant->constantValue().isNull()) return std::nullopt;
+  auto coerced = attribute->coercedValue(constant->constantValue());
+  if (!coerced) return std::nullopt;
+  return std::make_pair(attribute->index(), std::move(*coerced));
+}
+
+void ZBPlanFetch(const NSFetchRequest& request, const std::shared_ptr<NSEntityDescription>& entity,
+                 const ZBSQLiteStore& store, ZBFetchSpec* spec) {
+  spec->entity = entity;
+  spec->predicate = request.predicate();
+  spec->sortDescriptors = request.sortDescriptors();
+  spec->limit = request.fetchLimit();
+  spec->query.entity = entity.get();
+  auto* layout = store.layout(entity.get());
+  if (spec->predicate) {
+    std::string where;
+    std::vector<Value> parameters;
+    if (layout && ZBTranslatePredicate(*spec->predicate, store, *layout, &where, &parameters)) {
+      spec->query.where = std::move(where);
+      spec->query.parameters = std::move(parameters);
+      spec->predicateInSQL = true;
+    } else {
+      spec->predicateInSQL = false;
+    }
+    spec->equality = ZBEqualityConjunct(*spec->predicate, *entity);
+  }
+  std::string orderBy;
+  for (auto& descriptor : spec->sortDescriptors) {
+    auto* attribute = entity->attributeNamed(descriptor.key());
+    if (!attribute || !layout) {
+      spec->sortInSQL = false;
+      break;
+    }
+    if (!orderBy.empty()) orderBy += ", ";
+    orderBy += "t0." + layout->attributeColumns[attribute->index()];
+    if (attribute->attributeType() == NSAttributeType::String) orderBy += collationFor(descriptor.comparison());
+    orderBy += descriptor.ascending() ? " ASC" : " DESC";
+  }
+  if (spec->sortInSQL && !orderBy.empty()) spec->query.orderBy = orderBy + ", t0.\"Z_PK\"";
+}
