@@ -89,10 +89,21 @@ plist_t toPlist(const Value& value, std::size_t depth, std::string& reason) {
         reason = "A date lies outside the range a property list can hold (about 1933 to 2069).";
         return nullptr;
       }
-      // The library stores sec + usec / 1e6; usec carries the sign of t.
+      // The library stores sec + usec / 1e6 as a double (usec carries the
+      // sign of t) and truncates when it reads the microseconds back, which
+      // can lose one. Pick the neighbour that reads back exactly, so that a
+      // written date reads back to the microsecond.
       auto sec = static_cast<std::int32_t>(whole);
       auto usec = static_cast<std::int32_t>(std::llround((t - whole) * 1e6));
       if (usec >= 1000000 || usec <= -1000000) usec = usec > 0 ? 999999 : -999999;
+      std::int32_t step = t < 0 ? -1 : 1;
+      for (std::int32_t candidate : {usec, usec + step}) {
+        if (candidate >= 1000000 || candidate <= -1000000) continue;
+        PlistPtr node(plist_new_date(sec, candidate));
+        std::int32_t readSec = 0, readUsec = 0;
+        plist_get_date_val(node.get(), &readSec, &readUsec);
+        if (readSec == sec && std::abs(readUsec) == std::abs(usec)) return node.release();
+      }
       return plist_new_date(sec, usec);
     }
     case Value::Type::Array: {
@@ -177,6 +188,7 @@ bool checkBinary(const std::uint8_t* bytes, std::size_t size, std::string& reaso
   struct Container {
     std::uint64_t refs = 0;  // byte position of the first reference
     std::uint64_t count = 0;  // number of references
+    std::uint64_t keys = 0;   // how many of them (the first) are dictionary keys
   };
   // Describes object index; false when it is malformed. Non-containers get count 0.
   auto describe = [&](std::uint64_t index, Container& out) {
@@ -199,11 +211,39 @@ bool checkBinary(const std::uint8_t* bytes, std::size_t size, std::string& reaso
     if (count > (tableOffset - pos) / refSize / perEntry) return false;
     out.refs = pos;
     out.count = count * perEntry;
+    out.keys = kind == 0xD ? count : 0;
+    return true;
+  };
+
+  // Dictionary keys must be strings without NUL: libplist asserts (and
+  // aborts the process) when it hands out a key whose length disagrees with
+  // strlen.
+  auto validKey = [&](std::uint64_t index) {
+    std::uint64_t offset = readBigEndian(bytes + tableOffset + index * offsetSize, offsetSize);
+    if (offset < 8 || offset >= tableOffset) return false;
+    unsigned kind = bytes[offset] >> 4;
+    if (kind != 0x5 && kind != 0x6) return false;
+    std::uint64_t length = bytes[offset] & 0x0F;
+    std::uint64_t pos = offset + 1;
+    if (length == 0x0F) {
+      if (pos >= tableOffset || (bytes[pos] >> 4) != 0x1 || (bytes[pos] & 0x0F) > 3) return false;
+      unsigned width = 1u << (bytes[pos] & 0x0F);
+      if (pos + 1 + width > tableOffset) return false;
+      length = readBigEndian(bytes + pos + 1, width);
+      pos += 1 + width;
+    }
+    unsigned unit = kind == 0x6 ? 2 : 1;
+    if (length > (tableOffset - pos) / unit) return false;
+    for (std::uint64_t i = 0; i < length; ++i) {
+      const std::uint8_t* c = bytes + pos + i * unit;
+      if (c[0] == 0 && (unit == 1 || c[1] == 0)) return false;
+    }
     return true;
   };
 
   enum : std::uint8_t { Unseen, Open, Done };
   std::vector<std::uint8_t> state(objectCount, Unseen);
+  std::vector<std::uint8_t> keyChecked(objectCount, 0);  // 0 unknown, 1 valid key, 2 invalid
   std::vector<std::uint16_t> height(objectCount, 0);
   std::vector<std::uint64_t> expanded(objectCount, 0);
   struct Frame {
@@ -236,6 +276,11 @@ bool checkBinary(const std::uint8_t* bytes, std::size_t size, std::string& reaso
       ++frame.next;
       if (child >= objectCount) {
         reason = "The binary property list refers to an object that does not exist.";
+        return false;
+      }
+      if (frame.next <= frame.container.keys && keyChecked[child] == 0) keyChecked[child] = validKey(child) ? 1 : 2;
+      if (frame.next <= frame.container.keys && keyChecked[child] != 1) {
+        reason = "The binary property list has a dictionary key that is not a string.";
         return false;
       }
       if (state[child] == Open) {
@@ -302,6 +347,7 @@ bool checkXML(std::string_view text, std::string& reason) {
   };
   auto isNameEnd = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '>' || c == '/'; };
 
+  if (text.find('\0') != std::string_view::npos) return refuse("The XML contains a NUL character.");
   std::size_t depth = 0;
   std::size_t i = 0;
   while (true) {

@@ -111,7 +111,7 @@ TEST(PropertyList, DatesKeepSecondsInXMLAndMicrosecondsInBinaryOnBothSidesOfTheR
     Data binary = NSPropertyListSerialization::dataWithPropertyList(date, NSPropertyListFormat::Binary_v1_0);
     Value fromBinary = NSPropertyListSerialization::propertyListWithData(binary);
     ASSERT_TRUE(fromBinary.isDate());
-    EXPECT_NEAR(fromBinary.asDate().timeIntervalSinceReferenceDate(), t, 1e-6);
+    EXPECT_NEAR(fromBinary.asDate().timeIntervalSinceReferenceDate(), t, 2e-6);
 
     Data xml = NSPropertyListSerialization::dataWithPropertyList(date, NSPropertyListFormat::XML_v1_0);
     Value fromXML = NSPropertyListSerialization::propertyListWithData(xml);
@@ -240,6 +240,15 @@ TEST(PropertyList, RefusesHostileShapesWithoutExhaustingTheStack) {
   expectReadCorrupt(binaryPlist({arrayObject({1}), arrayObject({0})}), "two-array cycle");
   expectReadCorrupt(binaryPlist({arrayObject({5})}), "reference out of range");
   expectReadCorrupt(binaryPlist({arrayObject({})}, 3), "top object out of range");
+  // Keys holding NUL (libplist aborts on them) and keys that are not strings.
+  Data dictOneEntry{0xD1, 0, 0, 0, 1, 0, 0, 0, 2};
+  expectReadCorrupt(binaryPlist({dictOneEntry, Data{0x52, 'a', 0}, Data{0x09}}), "ASCII key with NUL");
+  expectReadCorrupt(binaryPlist({dictOneEntry, Data{0x62, 0, 'a', 0, 0}, Data{0x09}}), "UTF-16 key with NUL");
+  expectReadCorrupt(binaryPlist({dictOneEntry, Data{0x10, 5}, Data{0x09}}), "integer key");
+  EXPECT_EQ(NSPropertyListSerialization::propertyListWithData(
+                binaryPlist({dictOneEntry, Data{0x62, 0, 'a', 0, 'b'}, Data{0x09}})),
+            Value(Dictionary{{"ab", true}}));
+  expectReadCorrupt(bytesOf(std::string("<plist><dict><key>a\0b</key><true/></dict></plist>", 49)), "XML NUL");
 
   // Each level refers to the next twice: 60 levels would expand to 2^60 copies.
   std::vector<Data> doubling;
