@@ -318,6 +318,37 @@ void markChanged(Node* node) {
   }
 }
 
+// Where an observation's value is read after some of its listeners fired: the
+// deepest node on the way from the root to a fired node that is reached by
+// child links only (below a dependent, the value is the dependent's owner's).
+// Reading there, not at the root, keeps a change of "operation.status" made on
+// the operation's thread from reading the root's own properties on it.
+// Called with the state's mutex held.
+struct ReadPoint {
+  ObjectRef object;
+  std::string path;
+
+  Value read() const {
+    auto target = object.lock();
+    return target ? safeValueForKeyPath(*target, path) : Value();
+  }
+};
+
+ReadPoint readPoint(const State& state, const std::vector<std::shared_ptr<Listener>>& fired) {
+  const Node* best = nullptr;
+  for (const auto& listener : fired) {
+    const Node* node = listener->node;
+    if (!node) continue;
+    const Node* point = node;
+    for (const Node* n = node; n->parent; n = n->parent) {
+      if (n->viaDependent) point = n->parent;
+    }
+    if (!best || point->depth < best->depth) best = point;
+  }
+  if (!best) return {state.root, state.keyPath};
+  return {best->object, best->path};
+}
+
 std::vector<PendingObservation> collect(Core& core, const std::string& key) {
   std::vector<std::shared_ptr<Listener>> listeners;
   {
@@ -480,7 +511,14 @@ void NSObject::willChangeValueForKey(const std::string& key) {
   if (pending.observations.empty()) return;
   for (auto& observation : pending.observations) {
     const auto& state = observation.state;
-    if (state->wants(NSKeyValueObservingOptions::Old)) observation.oldValue = state->currentValue();
+    if (state->wants(NSKeyValueObservingOptions::Old)) {
+      ReadPoint point;
+      {
+        std::lock_guard lock(state->mutex);
+        point = readPoint(*state, observation.fired);
+      }
+      observation.oldValue = point.read();
+    }
     if (state->wants(NSKeyValueObservingOptions::Prior)) {
       NSKeyValueChange change;
       change.isPrior = true;
@@ -512,6 +550,7 @@ void NSObject::didChangeValueForKey(const std::string& key) {
   for (auto& observation : observations) {
     const auto& state = observation.state;
     std::vector<std::shared_ptr<NSObject>> keepAlive;
+    ReadPoint point;
     {
       std::unique_lock lock(state->mutex);
       if (!state->valid) continue;
@@ -526,10 +565,11 @@ void NSObject::didChangeValueForKey(const std::string& key) {
         ++state->version;
         settle(state, lock, keepAlive);
       }
+      point = readPoint(*state, observation.fired);
     }
     keepAlive.clear();
     NSKeyValueChange change;
-    if (state->wants(NSKeyValueObservingOptions::New)) change.newValue = state->currentValue();
+    if (state->wants(NSKeyValueObservingOptions::New)) change.newValue = point.read();
     if (state->wants(NSKeyValueObservingOptions::Old)) change.oldValue = std::move(observation.oldValue);
     state->deliver(change);
   }

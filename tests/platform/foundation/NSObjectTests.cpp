@@ -28,6 +28,7 @@ public:
     if (!_keys.count(key)) return NSObject::valueForKey(key);
     if (_derived.count(key)) return _derived.at(key)(*this);
     std::lock_guard lock(_mutex);
+    ++_reads[key];
     auto it = _values.find(key);
     return it == _values.end() ? Value() : it->second;
   }
@@ -46,6 +47,11 @@ public:
   }
   void derive(const std::string& key, std::function<Value(const Box&)> getter) { _derived[key] = std::move(getter); }
   std::string className() const override { return "Box"; }
+  int reads(const std::string& key) const {
+    std::lock_guard lock(_mutex);
+    auto it = _reads.find(key);
+    return it == _reads.end() ? 0 : it->second;
+  }
 
 private:
   std::set<std::string> _keys;
@@ -53,6 +59,7 @@ private:
   std::map<std::string, std::function<Value(const Box&)>> _derived;
   mutable std::mutex _mutex;
   std::map<std::string, Value> _values;
+  mutable std::map<std::string, int> _reads;
 };
 
 struct Seen {
@@ -223,10 +230,14 @@ TEST(NSObjectObservation, ChainFollowsReplacedIntermediateObjects) {
   Recorder r;
   auto token = controller->addObserver("operation.status.text", New | Old, r.observer());
 
+  const int rootReads = controller->reads("operation");
   status1->setValueForKey("first'", "text");
   ASSERT_EQ(r.count(), 1u);
   EXPECT_EQ(r.seen[0].oldValue, Value("first"));
   EXPECT_EQ(r.seen[0].newValue, Value("first'"));
+  // A change at the end of the chain is read there: the root's properties are
+  // not touched on whatever thread the leaf changed.
+  EXPECT_EQ(controller->reads("operation"), rootReads);
 
   // Replace the operation: the observation moves to op2 and its status.
   controller->setValueForKey(op2, "operation");
