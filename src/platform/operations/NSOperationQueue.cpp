@@ -78,7 +78,9 @@ void NSOperationQueue::cancelAllOperations() {
 
 void NSOperationQueue::waitUntilAllOperationsAreFinished() {
   if (NSRunLoop::isMainThread()) {
+    _mainThreadWaiters.fetch_add(1);
     NSRunLoop::mainRunLoop()->runUntil([this] { return operationCount() == 0; });
+    _mainThreadWaiters.fetch_sub(1);
     return;
   }
   std::unique_lock lock(_mutex);
@@ -213,6 +215,9 @@ void NSOperationQueue::_operationFinished(const std::shared_ptr<NSOperation>& op
     launch = _takeLaunchable();
     emptied = _operations.empty();
   }
-  if (emptied) _emptied.notify_all();
+  if (emptied) {
+    _emptied.notify_all();
+    if (_mainThreadWaiters.load() > 0) NSRunLoop::mainRunLoop()->wakeUp();
+  }
   for (const auto& op : launch) _launch(op);
 }

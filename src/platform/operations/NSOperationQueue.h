@@ -16,6 +16,7 @@
 // operations is kept alive by them. Thread-safety: every method is
 // thread-safe.
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -89,6 +90,7 @@ private:
   const bool _isMainQueue;
   mutable std::mutex _mutex;
   std::condition_variable _emptied;
+  std::atomic<int> _mainThreadWaiters{0};
   std::list<std::shared_ptr<NSOperation>> _operations;
   std::deque<std::shared_ptr<NSOperation>> _ready;
   std::size_t _running = 0;
