@@ -179,6 +179,15 @@ Value NSKeyedUnarchiver::_decodeIndex(std::int64_t index, std::size_t classes) {
   if (index == 0) return {};
   if (auto found = _decoded.find({index, classes}); found != _decoded.end()) return found->second;
   auto slot = static_cast<std::size_t>(index);
+  if (auto found = _objectsDecoded.find(index); found != _objectsDecoded.end()) {
+    // One archived object is one object, whichever set asks for it again;
+    // its class must still be admitted by this set.
+    if (!admits(_classSets[classes], found->second.hierarchy)) {
+      _fail("The archive holds an object of class " + found->second.hierarchy.front() + ", which is not allowed here.");
+      return {};
+    }
+    return found->second.value;
+  }
   if (_inProgress[slot]) {
     _fail("The archive's references form a cycle.");
     return {};
@@ -269,7 +278,9 @@ std::optional<Value> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::si
       _fail("An object of class " + className + " could not be decoded.");
       return std::nullopt;
     }
-    return Value(std::move(decoded));
+    Value result(std::move(decoded));
+    _objectsDecoded.emplace(index, DecodedObject{result, entry->hierarchy});
+    return result;
   }
 
   if (!admitted(className, builtin->second.hierarchy)) return std::nullopt;

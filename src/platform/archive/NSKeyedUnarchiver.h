@@ -10,7 +10,9 @@
 // its ancestors is in the allowed set (so "NSObject" admits everything);
 // registered ancestors are taken from the registration, never from the
 // archive. Containers decode their elements with the same allowed set;
-// dictionary keys are always admitted as strings.
+// dictionary keys are always admitted as strings. A registered-class object
+// referenced several times decodes once and is shared (its class is checked
+// against each asking set).
 //
 // Damaged input of any kind (not a property list, wrong layout, out-of-range
 // or cyclic references, wrong types, nesting deeper than
@@ -80,8 +82,7 @@ private:
     std::size_t classes;  // index into _classSets
   };
   explicit NSKeyedUnarchiver(const Array& objects);
-  // Allowed sets are interned so that a decoded object can be reused exactly
-  // when it is asked for again under the same set.
+  // Allowed sets are interned (few distinct sets occur in one decoding).
   std::size_t _intern(const std::set<std::string>& classes);
   Value _decodeReference(const Value& reference, std::size_t classes);
   Value _decodeIndex(std::int64_t index, std::size_t classes);
@@ -92,7 +93,15 @@ private:
 
   const Array& _objects;
   std::deque<std::set<std::string>> _classSets;
+  struct DecodedObject {
+    Value value;
+    std::vector<std::string> hierarchy;
+  };
+  // Values (plain data) are remembered per allowed set, so that a container
+  // is never handed out under a set its elements were not checked against;
+  // registered-class objects per index, so that they keep their identity.
   std::map<std::pair<std::int64_t, std::size_t>, Value> _decoded;
+  std::map<std::int64_t, DecodedObject> _objectsDecoded;
   std::vector<bool> _inProgress;
   std::vector<Frame> _frames;
   std::size_t _depth = 0;
