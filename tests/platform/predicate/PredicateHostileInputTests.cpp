@@ -93,7 +93,7 @@ TEST(PredicateHostileInput, RandomFragmentSequencesNeverCrash) {
   std::mt19937 random(20240601);
   const std::vector<Value> arguments = {"key.path", 3, Array{1, 2}, "x", NSDate(5.0), Value(), 2.5, "k"};
   int parsed = 0;
-  for (int round = 0; round < 20000; ++round) {
+  for (int round = 0; round < 8000; ++round) {
     std::string format;
     int pieces = 1 + static_cast<int>(random() % 12);
     for (int i = 0; i < pieces; ++i) {
@@ -106,21 +106,21 @@ TEST(PredicateHostileInput, RandomFragmentSequencesNeverCrash) {
     if (HasFatalFailure()) return;
   }
   // The generator must actually reach the printer, or this test proves little.
-  EXPECT_GT(parsed, 50);
+  EXPECT_GT(parsed, 20);
 }
 
 TEST(PredicateHostileInput, GeneratedPredicatesRoundTrip) {
   Generator generator(4242);
   const std::vector<Value> arguments = {"key.path", "k", 3, 2.5, "x", Array{1, "2"}, NSDate(5.0), Value(), "kk", 9};
   int parsed = 0;
-  for (int round = 0; round < 20000; ++round) {
+  for (int round = 0; round < 10000; ++round) {
     std::string format = generator.predicate(3);
     if (NSPredicate::predicateWithFormat(format, arguments)) ++parsed;
     checkRoundTrip(format, arguments);
     if (HasFatalFailure()) return;
   }
   // Most generated text must parse, or the round trip is barely exercised.
-  EXPECT_GT(parsed, 10000);
+  EXPECT_GT(parsed, 5000);
 }
 
 TEST(PredicateHostileInput, TruncationsAndByteNoiseNeverCrash) {
@@ -132,7 +132,7 @@ TEST(PredicateHostileInput, TruncationsAndByteNoiseNeverCrash) {
   std::mt19937 random(77);
   for (const std::string& seed : seeds) {
     for (std::size_t n = 0; n <= seed.size(); ++n) checkRoundTrip(seed.substr(0, n), {});
-    for (int round = 0; round < 3000; ++round) {
+    for (int round = 0; round < 1500; ++round) {
       std::string noisy = seed;
       int edits = 1 + static_cast<int>(random() % 3);
       for (int i = 0; i < edits; ++i) {
