@@ -15,6 +15,7 @@ struct ZBPinboardClient::Settings {
   std::string apiBase = "https://api.pinboard.in/v1/";
   std::string feedsBase = "https://feeds.pinboard.in/json/";
   double timeout = 60;
+  double allPostsTimeout = 600;  // the whole account, possibly tens of megabytes
   double connectTimeout = 15;
   double interval = 3;
   double recentInterval = 60;
@@ -158,6 +159,7 @@ ZBPinboardClient::Settings ZBPinboardClient::_settings() const {
   text(ZBPinboardAPIBaseURLDefaultKey, s.apiBase);
   text(ZBPinboardFeedsBaseURLDefaultKey, s.feedsBase);
   number(ZBPinboardRequestTimeoutDefaultKey, s.timeout, 0.001);
+  number(ZBPinboardAllPostsTimeoutDefaultKey, s.allPostsTimeout, 0.001);
   number(ZBPinboardConnectTimeoutDefaultKey, s.connectTimeout, 0.001);
   number(ZBPinboardRequestIntervalDefaultKey, s.interval, 0);
   number(ZBPinboardRecentIntervalDefaultKey, s.recentInterval, 0);
@@ -276,7 +278,7 @@ bool ZBPinboardClient::_api(const std::string& method, Params params, const ZBPi
   call.requestClass = method;
   if (method == "posts/all") {
     call.classInterval = s.allPostsInterval;
-    call.timeout = s.timeout * 10;  // the whole account, possibly tens of megabytes
+    call.timeout = s.allPostsTimeout;
   } else if (method == "posts/recent") {
     call.classInterval = s.recentInterval;
   }

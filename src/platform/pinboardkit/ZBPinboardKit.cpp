@@ -25,6 +25,7 @@ const std::uint64_t ZBPinboardClientFeedDefaultResultsCount = 100;
 const std::string ZBPinboardAPIBaseURLDefaultKey = "ZBPinboardAPIBaseURL";
 const std::string ZBPinboardFeedsBaseURLDefaultKey = "ZBPinboardFeedsBaseURL";
 const std::string ZBPinboardRequestTimeoutDefaultKey = "ZBPinboardRequestTimeout";
+const std::string ZBPinboardAllPostsTimeoutDefaultKey = "ZBPinboardAllPostsTimeout";
 const std::string ZBPinboardConnectTimeoutDefaultKey = "ZBPinboardConnectTimeout";
 const std::string ZBPinboardRequestIntervalDefaultKey = "ZBPinboardRequestInterval";
 const std::string ZBPinboardRecentIntervalDefaultKey = "ZBPinboardRecentInterval";

@@ -33,7 +33,8 @@ extern const std::uint64_t ZBPinboardClientFeedDefaultResultsCount;
 extern const std::string ZBPinboardAPIBaseURLDefaultKey;    // "https://api.pinboard.in/v1/"
 extern const std::string ZBPinboardFeedsBaseURLDefaultKey;  // "https://feeds.pinboard.in/json/"
 // Numbers, in seconds.
-extern const std::string ZBPinboardRequestTimeoutDefaultKey;     // whole request, 60 (posts/all: 10×)
+extern const std::string ZBPinboardRequestTimeoutDefaultKey;     // whole request, 60
+extern const std::string ZBPinboardAllPostsTimeoutDefaultKey;    // whole posts/all request, 600
 extern const std::string ZBPinboardConnectTimeoutDefaultKey;     // connection set-up, 15
 extern const std::string ZBPinboardRequestIntervalDefaultKey;    // between any two API calls, 3
 extern const std::string ZBPinboardRecentIntervalDefaultKey;     // between two posts/recent calls, 60

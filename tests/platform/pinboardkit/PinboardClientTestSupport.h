@@ -1,0 +1,87 @@
+#pragma once
+// A client pointed at an in-process simulator on an ephemeral port, with
+// defaults in a temporary directory and spacing turned down so tests run fast.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "pinboard-sim/Simulator.h"
+#include "platform/foundation/NSUserDefaults.h"
+#include "platform/pinboardkit/ZBPinboardClient.h"
+#include "support/TemporaryDirectory.h"
+
+class PinboardClientTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(sim.start());
+    pinboard_sim::AccountSeed alice;
+    alice.username = "alice";
+    alice.password = "wonderland";
+    apiToken = sim.addAccount(alice);
+    secret = apiToken.substr(6);
+    defaults = NSUserDefaults::create(dir / "defaults.plist");
+    defaults->setObject(Value(sim.apiURL()), ZBPinboardAPIBaseURLDefaultKey);
+    defaults->setObject(Value(sim.feedsURL()), ZBPinboardFeedsBaseURLDefaultKey);
+    for (const auto* key : {&ZBPinboardRequestIntervalDefaultKey, &ZBPinboardRecentIntervalDefaultKey,
+                            &ZBPinboardAllPostsIntervalDefaultKey, &ZBPinboardFeedIntervalDefaultKey})
+      defaults->setObject(Value(0.0), *key);
+    defaults->setObject(Value(0.01), ZBPinboardBackoffInitialDefaultKey);
+    defaults->setObject(Value(0.04), ZBPinboardBackoffMaximumDefaultKey);
+    defaults->setObject(Value(3), ZBPinboardBackoffRetriesDefaultKey);
+    defaults->setObject(Value(10.0), ZBPinboardRequestTimeoutDefaultKey);
+    defaults->setObject(Value(30.0), ZBPinboardAllPostsTimeoutDefaultKey);
+    client = ZBPinboardClient::create(defaults);
+  }
+
+  void signIn() { client->setCredentials(ZBPinboardCredentials::create("alice", secret)); }
+
+  // Runs op on this thread and returns its result; the error goes to *error.
+  static Value run(const ZBPinboardClient::Operation& op, NSErrorPtr* error = nullptr) {
+    EXPECT_TRUE(op);
+    if (!op) return Value();
+    op->start();
+    EXPECT_TRUE(op->isFinished());
+    return op->completionProvider()(error);
+  }
+  // Runs op, expecting failure with code in the client's domain.
+  NSErrorPtr expectFailure(const ZBPinboardClient::Operation& op, std::int64_t code,
+                           const std::string& domain = ZBPinboardKitErrorDomain) {
+    NSErrorPtr error;
+    Value result = run(op, &error);
+    EXPECT_FALSE(result) << result.description();
+    EXPECT_TRUE(error);
+    if (!error) return error;
+    EXPECT_EQ(error->domain(), domain) << error->description();
+    EXPECT_EQ(error->code(), code) << error->description();
+    expectNoSecrets(error);
+    return error;
+  }
+  // No error text, at any depth, holds the token or the password.
+  void expectNoSecrets(const NSErrorPtr& error) {
+    std::string text = error->description() + error->localizedDescription();
+    for (const auto& [key, value] : error->userInfo()) text += key + value.description();
+    for (NSErrorPtr e = error->underlyingError(); e; e = e->underlyingError()) text += e->description();
+    EXPECT_EQ(text.find(secret), std::string::npos) << text;
+    EXPECT_EQ(text.find("wonderland"), std::string::npos) << text;
+  }
+  static std::string fileContents(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+  static unsigned mode(const std::filesystem::path& path) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return 0;
+    return st.st_mode & 0777;
+  }
+
+  TemporaryDirectory dir;
+  pinboard_sim::Simulator sim;
+  std::string apiToken, secret;
+  std::shared_ptr<NSUserDefaults> defaults;
+  std::shared_ptr<ZBPinboardClient> client;
+};

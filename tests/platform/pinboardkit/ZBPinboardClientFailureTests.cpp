@@ -1,0 +1,201 @@
+// How the client fails: injected faults, rate limits, cancellation, and many
+// requests at once.
+#include <atomic>
+#include <thread>
+
+#include "PinboardClientTestSupport.h"
+#include "platform/foundation/NSURLError.h"
+#include "platform/operations/NSOperationQueue.h"
+
+using pinboard_sim::Bookmark;
+using pinboard_sim::Fault;
+
+namespace {
+
+TEST_F(PinboardClientTest, EveryInjectedFaultYieldsItsDocumentedError) {
+  signIn();
+  sim.generateBookmarks("alice", 50);
+  defaults->setObject(Value(0.5), ZBPinboardRequestTimeoutDefaultKey);
+  defaults->setObject(Value(0.5), ZBPinboardAllPostsTimeoutDefaultKey);
+  struct Case {
+    const char* fault;
+    std::int64_t code;
+    std::int64_t status;        // expected under ZBPinboardHTTPStatusErrorKey, 0: none
+    std::int64_t underlying;    // expected NSURLErrorDomain code underneath, 0: none
+  };
+  const Case cases[] = {
+      {"status=401", ZBPinboardKitUnauthorizedError, 401, 0},
+      {"status=403", ZBPinboardKitUnauthorizedError, 403, 0},
+      {"status=500", ZBPinboardKitServerError, 500, 0},
+      {"status=503", ZBPinboardKitServerError, 503, 0},
+      {"status=404", ZBPinboardKitServerError, 404, 0},
+      {"garbage", ZBPinboardKitMalformedResponseError, 0, 0},
+      {"truncate", ZBPinboardKitMalformedResponseError, 0, 0},
+      {"empty", ZBPinboardKitMalformedResponseError, 0, 0},
+      {"drop", ZBPinboardKitNetworkError, 0, NSURLErrorNetworkConnectionLost},
+      {"cut", ZBPinboardKitNetworkError, 0, NSURLErrorNetworkConnectionLost},
+      {"delay=5", ZBPinboardKitTimedOutError, 0, NSURLErrorTimedOut},
+  };
+  // Each fault on each kind of answer the client reads.
+  struct Request {
+    const char* path;
+    std::function<ZBPinboardClient::Operation()> make;
+  };
+  const Request requests[] = {
+      {"/v1/posts/update", [&] { return client->retrieveLastPostUpdateDate(); }},
+      {"/v1/posts/all", [&] { return client->retrieveAllPostsWithTags(Value()); }},
+      {"/v1/posts/add", [&] { return client->updatePostWithProperties({{"url", "https://f/"}, {"title", "t"}}); }},
+      {"/v1/tags/rename", [&] { return client->renameTag("a", "b"); }},
+      {"/v1/posts/suggest", [&] { return client->retrievePostSuggestedTagsForURL("https://f/"); }},
+      {"/json/*", [&] { return client->retrieveFeedWithMethod("popular", false, 10); }},
+  };
+  for (const Request& r : requests) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(std::string(r.path) + " " + c.fault);
+      sim.clearFaults();
+      sim.addFault(*Fault::parse(std::string(r.path) + ":" + c.fault + ",times=1"));
+      NSErrorPtr error = expectFailure(r.make(), c.code);
+      if (!error) continue;
+      EXPECT_FALSE(error->localizedDescription().empty());
+      EXPECT_TRUE(error->localizedRecoverySuggestion());
+      if (c.status) {
+        EXPECT_EQ(error->userInfo()[ZBPinboardHTTPStatusErrorKey], Value(c.status));
+      }
+      if (c.underlying) {
+        ASSERT_TRUE(error->underlyingError());
+        EXPECT_EQ(error->underlyingError()->domain(), NSURLErrorDomain);
+        EXPECT_EQ(error->underlyingError()->code(), c.underlying);
+      }
+      EXPECT_FALSE(error->userInfo()[ZBPinboardMethodErrorKey].asString().empty());
+      // The fault was used up: the same request now works.
+      EXPECT_TRUE(run(r.make())) << "after " << c.fault;
+    }
+  }
+  // An unreachable service is a network error too.
+  defaults->setObject(Value("http://127.0.0.1:1/v1/"), ZBPinboardAPIBaseURLDefaultKey);
+  NSErrorPtr error = expectFailure(client->retrieveLastPostUpdateDate(), ZBPinboardKitNetworkError);
+  EXPECT_EQ(error->underlyingError()->code(), NSURLErrorCannotConnectToHost);
+  EXPECT_EQ(error->underlyingError()->userInfo()[NSURLErrorFailingURLStringErrorKey],
+            Value("http://127.0.0.1:1/v1/posts/update"))
+      << "the failing URL is named without its query, where the token travels";
+}
+
+TEST_F(PinboardClientTest, A429BurstIsRetriedWithBackoffThenSucceeds) {
+  signIn();
+  sim.addFault(*Fault::parse("/v1/posts/update:status=429,times=3"));
+  Value date = run(client->retrieveLastPostUpdateDate());
+  EXPECT_TRUE(date.isDate());
+  std::vector<int> statuses;
+  for (const auto& r : sim.requestLog()) statuses.push_back(r.status);
+  EXPECT_EQ(statuses, (std::vector<int>{429, 429, 429, 200}));
+
+  // Past the configured retries it gives up, after exactly retries + 1 calls.
+  sim.clearRequestLog();
+  sim.addFault(*Fault::parse("/v1/posts/all:status=429"));
+  NSErrorPtr error = expectFailure(client->retrieveAllPostsWithTags(Value()), ZBPinboardKitRateLimitedError);
+  EXPECT_EQ(error->userInfo()[ZBPinboardHTTPStatusErrorKey], Value(429));
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 4u);
+
+  // The simulator's own limiter, not only injected faults, is honoured.
+  sim.clearFaults();
+  sim.setRateLimits({0, 0, 0.05});
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(run(client->retrieveAllPostsWithTags(Value()))) << i;
+}
+
+TEST_F(PinboardClientTest, SpacingKeepsConcurrentRequestsUnderTheServiceLimit) {
+  signIn();
+  // The client spaces a little wider than the service demands.
+  sim.setRateLimits({0.1, 0, 0});
+  defaults->setObject(Value(0.15), ZBPinboardRequestIntervalDefaultKey);
+  defaults->setObject(Value(0), ZBPinboardBackoffRetriesDefaultKey);  // any 429 would fail
+  auto queue = NSOperationQueue::create();
+  std::vector<ZBPinboardClient::Operation> ops;
+  for (int i = 0; i < 5; ++i) ops.push_back(client->retrieveLastPostUpdateDate());
+  for (auto& op : ops) queue->addOperation(op);
+  queue->waitUntilAllOperationsAreFinished();
+  for (auto& op : ops) {
+    NSErrorPtr error;
+    EXPECT_TRUE(op->completionProvider()(&error)) << (error ? error->description() : "");
+  }
+  for (const auto& r : sim.requestLog()) EXPECT_EQ(r.status, 200);
+}
+
+TEST_F(PinboardClientTest, CancellationEndsWaitsAndTransfersWithTheCancelledError) {
+  signIn();
+  // Cancelled before it runs: no request at all.
+  auto early = client->retrieveLastPostUpdateDate();
+  early->cancel();
+  expectFailure(early, NSUserCancelledError, NSCocoaErrorDomain);
+  EXPECT_EQ(sim.requestCount("/v1/posts/update"), 0u);
+
+  // Cancelled while the server holds the answer back.
+  sim.addFault(*Fault::parse("/v1/posts/all:delay=30,times=1"));
+  auto slow = client->retrieveAllPostsWithTags(Value());
+  auto queue = NSOperationQueue::create();
+  queue->addOperation(slow);
+  while (!slow->isExecuting() && !slow->isFinished()) std::this_thread::yield();
+  slow->cancel();
+  slow->waitUntilFinished();
+  NSErrorPtr error;
+  EXPECT_FALSE(slow->completionProvider()(&error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+  EXPECT_EQ(error->code(), NSUserCancelledError);
+
+  // Cancelled during a back-off wait.
+  defaults->setObject(Value(30.0), ZBPinboardBackoffInitialDefaultKey);
+  defaults->setObject(Value(60.0), ZBPinboardBackoffMaximumDefaultKey);
+  sim.addFault(*Fault::parse("/v1/tags/get:status=429"));
+  auto patient = client->retrieveTags();
+  queue->addOperation(patient);
+  while (sim.requestCount("/v1/tags/get") == 0) std::this_thread::yield();
+  patient->cancel();
+  patient->waitUntilFinished();
+  error = nullptr;
+  EXPECT_FALSE(patient->completionProvider()(&error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSUserCancelledError);
+  EXPECT_EQ(sim.requestCount("/v1/tags/get"), 1u) << "no retry after the cancel";
+}
+
+TEST_F(PinboardClientTest, ConcurrentRequestsFromManyThreadsAllComplete) {
+  signIn();
+  sim.generateBookmarks("alice", 300);
+  sim.setNetwork("alice", {"alice"});
+  // The refresh's own pattern: the starred feed and seven source feeds at
+  // once, alongside list requests, created and run on different threads.
+  const char* sources[] = {"twitter", "twitter_favs", "instapaper", "pocket", "iphone", "delicious", "readability"};
+  auto queue = NSOperationQueue::create();
+  std::vector<ZBPinboardClient::Operation> ops;
+  std::mutex opsMutex;
+  std::vector<std::thread> makers;
+  for (int t = 0; t < 4; ++t) {
+    makers.emplace_back([&, t] {
+      std::vector<ZBPinboardClient::Operation> mine;
+      mine.push_back(client->retrieveFeedWithMethod("starred", true, 1000));
+      for (const char* s : sources) mine.push_back(client->retrieveFeedWithSource(s, 1000));
+      mine.push_back(client->retrieveAllPostsWithTags(Value()));
+      mine.push_back(client->retrieveLastPostUpdateDate());
+      if (t == 0) client->setCredentials(ZBPinboardCredentials::create("alice", secret));
+      for (auto& op : mine) queue->addOperation(op);
+      std::lock_guard<std::mutex> lock(opsMutex);
+      ops.insert(ops.end(), mine.begin(), mine.end());
+    });
+  }
+  for (auto& m : makers) m.join();
+  queue->waitUntilAllOperationsAreFinished();
+  ASSERT_EQ(ops.size(), 40u);
+  std::size_t sourced = 0;
+  for (std::size_t i = 0; i < ops.size(); ++i) {
+    NSErrorPtr error;
+    Value result = ops[i]->completionProvider()(&error);
+    ASSERT_TRUE(result) << ops[i]->description() << ": " << (error ? error->description() : "");
+    if (ops[i]->method().rfind("feed from:", 0) == 0) sourced += result.count();
+  }
+  std::size_t expected = 0;
+  for (const auto& b : sim.bookmarks("alice")) expected += !b.source.empty();
+  EXPECT_EQ(sourced, 4 * expected);
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 4u);
+}
+
+}  // namespace
