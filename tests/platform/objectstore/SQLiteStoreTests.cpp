@@ -1,0 +1,346 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <set>
+
+#include "ObjectStoreTestSupport.h"
+#include "platform/objectstore/NSPersistentStore.h"
+
+extern char** environ;
+
+namespace {
+
+// A plain sqlite3 connection, as any SQLite tool would open the file.
+class RawDatabase {
+public:
+  explicit RawDatabase(const std::filesystem::path& path) { sqlite3_open(path.c_str(), &_db); }
+  ~RawDatabase() { sqlite3_close(_db); }
+  std::vector<std::string> column(const std::string& sql) const {
+    std::vector<std::string> values;
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(_db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+      ADD_FAILURE() << sqlite3_errmsg(_db) << " in " << sql;
+      return values;
+    }
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+      auto* text = sqlite3_column_text(statement, 0);
+      values.push_back(text ? reinterpret_cast<const char*>(text) : "NULL");
+    }
+    sqlite3_finalize(statement);
+    return values;
+  }
+  std::string value(const std::string& sql) const {
+    auto values = column(sql);
+    return values.empty() ? "" : values.front();
+  }
+  int exec(const std::string& sql) { return sqlite3_exec(_db, sql.c_str(), nullptr, nullptr, nullptr); }
+
+private:
+  sqlite3* _db = nullptr;
+};
+
+std::int64_t countOf(NSManagedObjectContext& context, const std::string& entity) {
+  return context.countForFetchRequest(NSFetchRequest::fetchRequestWithEntityName(entity));
+}
+
+std::shared_ptr<NSPersistentStoreCoordinator> open(const std::filesystem::path& file,
+                                                   std::shared_ptr<NSManagedObjectModel> model, Dictionary options,
+                                                   NSErrorPtr* error) {
+  auto coordinator = NSPersistentStoreCoordinator::create(std::move(model));
+  if (!coordinator->addPersistentStoreWithType(NSSQLiteStoreType, "", NSURL::fileURLWithPath(file.string()), options,
+                                               error)) {
+    return nullptr;
+  }
+  return coordinator;
+}
+
+std::shared_ptr<NSManagedObjectContext> contextOn(std::shared_ptr<NSPersistentStoreCoordinator> coordinator) {
+  auto context = NSManagedObjectContext::create(NSConfinementConcurrencyType);
+  context->setPersistentStoreCoordinator(std::move(coordinator));
+  return context;
+}
+
+}  // namespace
+
+TEST(SQLiteStore, SchemaIsPlainAndReadableByAnySQLiteTool) {
+  TestStore stack;
+  auto context = stack.newContext();
+  auto post = insertPost(*context, "id-1", "Readable", {"alpha", "beta"});
+  auto folder = context->insertNewObjectForEntityForName("Folder");
+  folder->setValueForKey(Value("Inbox"), "name");
+  post->setValueForKey(Value(folder), "folder");
+  ASSERT_TRUE(context->save());
+
+  RawDatabase raw(stack.file);
+  std::set<std::string> tables;
+  for (auto& name : raw.column("SELECT name FROM sqlite_master WHERE type = 'table'")) tables.insert(name);
+  for (auto* expected : {"Post", "Tag", "Folder", "Collection", "Post_tags", "Z_METADATA"}) {
+    EXPECT_TRUE(tables.count(expected)) << expected;
+  }
+  std::set<std::string> indexes;
+  for (auto& name : raw.column("SELECT name FROM sqlite_master WHERE type = 'index'")) indexes.insert(name);
+  for (auto* expected : {"Z_Post_identifier", "Z_Post_url", "Z_Post_deleting", "Z_Tag_title", "Z_Post_folder"}) {
+    EXPECT_TRUE(indexes.count(expected)) << expected;
+  }
+  EXPECT_EQ(raw.value("PRAGMA journal_mode"), "wal");
+  EXPECT_EQ(raw.value("SELECT Z_VALUE FROM Z_METADATA WHERE Z_KEY = 'NSStoreUUID'"), stack.store->identifier());
+  EXPECT_EQ(raw.value("SELECT title FROM Post WHERE identifier = 'id-1'"), "Readable");
+  EXPECT_EQ(raw.value("SELECT Folder.name FROM Post JOIN Folder ON Folder.Z_PK = Post.folder"), "Inbox");
+  EXPECT_EQ(raw.column("SELECT Tag.title FROM Post_tags JOIN Tag ON Tag.Z_PK = Post_tags.Tag JOIN Post ON Post.Z_PK = "
+                       "Post_tags.Post WHERE Post.identifier = 'id-1' ORDER BY 1"),
+            (std::vector<std::string>{"alpha", "beta"}));
+  EXPECT_EQ(raw.value("SELECT unread FROM Post"), "0");
+  EXPECT_EQ(raw.value("SELECT Z_OPT FROM Post"), "1");
+
+  // Every write bumps the row version.
+  post->setValueForKey(Value("Changed"), "title");
+  ASSERT_TRUE(context->save());
+  EXPECT_EQ(raw.value("SELECT Z_OPT FROM Post"), "2");
+  // Deleted rows never hand their primary key to a new row.
+  context->deleteObject(post);
+  ASSERT_TRUE(context->save());
+  auto next = insertPost(*context, "id-2");
+  ASSERT_TRUE(context->save());
+  EXPECT_EQ(next->objectID()->primaryKey(), 2);
+}
+
+TEST(SQLiteStore, OlderStoreOpensWithNewAttributesAndEntitiesKeepingItsData) {
+  TestStore stack;
+  {
+    auto context = stack.newContext();
+    insertPost(*context, "old", "kept", {"t"});
+    ASSERT_TRUE(context->save());
+  }
+  auto newer = makeTestModel({.extraAttribute = true, .extraEntity = true});
+
+  // Without permission to migrate, the store is refused and left alone.
+  NSErrorPtr error;
+  EXPECT_FALSE(open(stack.file, newer, Dictionary{}, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSPersistentStoreIncompatibleVersionHashError);
+  EXPECT_FALSE(open(stack.file, newer, Dictionary{{NSMigratePersistentStoresAutomaticallyOption, Value(true)}}, &error));
+  EXPECT_EQ(error->code(), NSMigrationMissingMappingModelError);
+  EXPECT_TRUE(open(stack.file, makeTestModel(), Dictionary{}, &error)) << "still the old schema";
+
+  auto migrated = open(stack.file, newer, migrationOptions(), &error);
+  ASSERT_TRUE(migrated) << error->description();
+  auto context = contextOn(migrated);
+  auto posts = fetchAll(*context, "Post");
+  ASSERT_EQ(posts.size(), 1u);
+  auto post = posts[0].as<NSManagedObject>();
+  EXPECT_EQ(post->valueForKey("title"), Value("kept"));
+  EXPECT_TRUE(post->valueForKey("note").isAbsent());
+  EXPECT_EQ(post->valueForKey("tags").count(), 1u);
+  post->setValueForKey(Value("new column"), "note");
+  auto archive = context->insertNewObjectForEntityForName("Archive");
+  archive->setValueForKey(Value("new table"), "label");
+  ASSERT_TRUE(context->save(&error)) << error->description();
+
+  // Opening again with the newer model needs no migration; the older model
+  // still reads its part of the data.
+  auto again = open(stack.file, newer, Dictionary{}, &error);
+  ASSERT_TRUE(again) << error->description();
+  EXPECT_EQ(fetchAll(*contextOn(again), "Post", "note == 'new column'").size(), 1u);
+  auto older = open(stack.file, makeTestModel(), Dictionary{}, &error);
+  ASSERT_TRUE(older) << error->description();
+  EXPECT_EQ(fetchAll(*contextOn(older), "Post", "title == 'kept'").size(), 1u);
+}
+
+TEST(SQLiteStore, IncompatibleChangesFailClearlyAndKeepTheData) {
+  TestStore stack;
+  {
+    auto context = stack.newContext();
+    auto post = insertPost(*context, "keep-me");
+    post->setValueForKey(Value(3), "source");
+    ASSERT_TRUE(context->save());
+  }
+  NSErrorPtr error;
+  EXPECT_FALSE(open(stack.file, makeTestModel({.retypedSource = true}), migrationOptions(), &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSInferredMappingModelError);
+  EXPECT_NE(error->localizedFailureReason().value_or("").find("Post.source"), std::string::npos);
+
+  EXPECT_FALSE(open(stack.file, makeTestModel({.extraAttribute = true, .noteRequired = true}), migrationOptions(), &error));
+  EXPECT_EQ(error->code(), NSInferredMappingModelError);
+
+  auto original = open(stack.file, makeTestModel(), Dictionary{}, &error);
+  ASSERT_TRUE(original);
+  auto posts = fetchAll(*contextOn(original), "Post");
+  ASSERT_EQ(posts.size(), 1u);
+  EXPECT_EQ(valueForKey(posts[0], "source"), Value(3));
+
+  // A required attribute can be added where there are no rows to fill.
+  TestStore empty;
+  EXPECT_TRUE(open(empty.file, makeTestModel({.extraAttribute = true, .noteRequired = true}), migrationOptions(), &error))
+      << error->description();
+}
+
+TEST(SQLiteStore, ForeignFilesAreRefusedUntouched) {
+  TemporaryDirectory directory;
+  auto text = directory / "notes.sqlite";
+  std::ofstream(text) << "this is not a database, just some notes\n";
+  NSErrorPtr error;
+  EXPECT_FALSE(open(text, makeTestModel(), migrationOptions(), &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSFileReadCorruptFileError);
+  std::ifstream in(text);
+  std::string line;
+  std::getline(in, line);
+  EXPECT_EQ(line, "this is not a database, just some notes");
+
+  auto other = directory / "other.sqlite";
+  {
+    RawDatabase raw(other);
+    raw.exec("CREATE TABLE accounts (id INTEGER, name TEXT); INSERT INTO accounts VALUES (1, 'x')");
+  }
+  EXPECT_FALSE(open(other, makeTestModel(), migrationOptions(), &error));
+  EXPECT_EQ(error->code(), NSPersistentStoreIncompatibleSchemaError);
+  EXPECT_EQ(RawDatabase(other).value("SELECT name FROM accounts"), "x");
+
+  auto coordinator = NSPersistentStoreCoordinator::create(makeTestModel());
+  EXPECT_FALSE(coordinator->addPersistentStoreWithType("XML", "", NSURL::fileURLWithPath((directory / "a").string()),
+                                                       Dictionary{}, &error));
+  EXPECT_EQ(error->code(), NSPersistentStoreInvalidTypeError);
+  EXPECT_FALSE(coordinator->addPersistentStoreWithType(NSSQLiteStoreType, "",
+                                                       NSURL::fileURLWithPath((directory / "no/such/dir/a").string()),
+                                                       Dictionary{}, &error));
+  EXPECT_TRUE(coordinator->persistentStores().empty());
+}
+
+TEST(SQLiteStore, EachConfigurationLivesInItsOwnStore) {
+  TemporaryDirectory directory;
+  auto model = makeTestModel({.configurations = true});
+  auto coordinator = NSPersistentStoreCoordinator::create(model);
+  NSErrorPtr error;
+  auto pinboardURL = NSURL::fileURLWithPath((directory / "Pinboard.sqlite").string());
+  auto tarrowURL = NSURL::fileURLWithPath((directory / "Tarrow.sqlite").string());
+  auto pinboard = coordinator->addPersistentStoreWithType(NSSQLiteStoreType, "Pinboard", pinboardURL, migrationOptions(), &error);
+  ASSERT_TRUE(pinboard) << error->description();
+  EXPECT_FALSE(coordinator->addPersistentStoreWithType(NSSQLiteStoreType, "Nope", tarrowURL, migrationOptions(), &error));
+  EXPECT_FALSE(coordinator->addPersistentStoreWithType(NSSQLiteStoreType, "Tarrow", pinboardURL, migrationOptions(), &error))
+      << "the same file twice";
+  auto tarrow = coordinator->addPersistentStoreWithType(NSSQLiteStoreType, "Tarrow", tarrowURL, migrationOptions(), &error);
+  ASSERT_TRUE(tarrow) << error->description();
+  EXPECT_NE(pinboard->identifier(), tarrow->identifier());
+  EXPECT_EQ(coordinator->persistentStoreForURL(tarrowURL), tarrow);
+  EXPECT_EQ(coordinator->persistentStoreForURL(NSURL::fileURLWithPath((directory / "x/../Tarrow.sqlite").string())), tarrow);
+  EXPECT_EQ(tarrow->configurationName(), "Tarrow");
+  EXPECT_EQ(tarrow->metadata()[NSStoreUUIDKey], Value(tarrow->identifier()));
+
+  auto context = contextOn(coordinator);
+  auto post = insertPost(*context, "p");
+  auto collection = context->insertNewObjectForEntityForName("Collection");
+  collection->setValueForKey(Value("Unread"), "title");
+  ASSERT_TRUE(context->save(&error)) << error->description();
+  EXPECT_EQ(post->objectID()->persistentStore(), pinboard);
+  EXPECT_EQ(collection->objectID()->persistentStore(), tarrow);
+  EXPECT_NE(collection->objectID()->URIRepresentation().find(tarrow->identifier()), std::string::npos);
+
+  EXPECT_EQ(RawDatabase(directory / "Pinboard.sqlite").value("SELECT COUNT(*) FROM Post"), "1");
+  EXPECT_EQ(RawDatabase(directory / "Tarrow.sqlite").value("SELECT COUNT(*) FROM Collection"), "1");
+  EXPECT_TRUE(RawDatabase(directory / "Tarrow.sqlite").column("SELECT name FROM sqlite_master WHERE name = 'Post'").empty());
+
+  // Without its store an entity can be neither fetched nor saved.
+  ASSERT_TRUE(coordinator->removePersistentStore(tarrow, &error));
+  EXPECT_FALSE(coordinator->removePersistentStore(tarrow, &error));
+  EXPECT_FALSE(coordinator->persistentStoreForURL(tarrowURL));
+  auto fresh = contextOn(coordinator);
+  EXPECT_FALSE(fresh->executeFetchRequest(NSFetchRequest::fetchRequestWithEntityName("Collection"), &error));
+  EXPECT_EQ(fresh->countForFetchRequest(NSFetchRequest::fetchRequestWithEntityName("Collection"), &error), NSNotFound);
+  fresh->insertNewObjectForEntityForName("Collection");
+  EXPECT_FALSE(fresh->save(&error));
+  EXPECT_EQ(countOf(*fresh, "Post"), 1);
+}
+
+TEST(SQLiteStore, AWriterWaitsForAnotherConnectionThenGivesUp) {
+  TemporaryDirectory directory;
+  auto file = directory / "Busy.sqlite";
+  NSErrorPtr error;
+  Dictionary options = migrationOptions();
+  options.set(NSPersistentStoreTimeoutOption, Value(0.2));
+  auto coordinator = open(file, makeTestModel(), options, &error);
+  ASSERT_TRUE(coordinator) << error->description();
+  auto context = contextOn(coordinator);
+
+  RawDatabase other(file);
+  ASSERT_EQ(other.exec("BEGIN IMMEDIATE"), SQLITE_OK);
+  insertPost(*context, "blocked");
+  EXPECT_FALSE(context->save(&error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSPersistentStoreSaveError);
+  EXPECT_EQ(error->userInfo()["NSSQLiteErrorDomain"].integerValue() & 0xff, SQLITE_BUSY);
+  EXPECT_TRUE(context->hasChanges());
+  ASSERT_EQ(other.exec("ROLLBACK"), SQLITE_OK);
+  EXPECT_TRUE(context->save(&error)) << error->description();
+  EXPECT_EQ(other.value("SELECT identifier FROM Post"), "blocked");
+}
+
+// The child side of the test below: runs only in the process it spawns.
+TEST(SQLiteStoreChild, SaveManyPosts) {
+  const char* path = std::getenv("ZB_OBJECTSTORE_CHILD_STORE");
+  if (!path) GTEST_SKIP() << "runs in a child process only";
+  auto coordinator = open(path, makeTestModel(), migrationOptions(), nullptr);
+  ASSERT_TRUE(coordinator);
+  auto context = contextOn(coordinator);
+  for (int i = 0; i < 1000; ++i) insertPost(*context, "committed-" + std::to_string(i));
+  ASSERT_TRUE(context->save());
+  for (int i = 0; i < 50000; ++i) insertPost(*context, "doomed-" + std::to_string(i));
+  std::ofstream(std::string(path) + ".saving") << "saving";
+  ASSERT_TRUE(context->save());
+  std::ofstream(std::string(path) + ".saved") << "saved";
+}
+
+TEST(SQLiteStore, AProcessKilledInALargeSaveLeavesTheLastCommittedState) {
+  TemporaryDirectory directory;
+  auto file = directory / "Killed.sqlite";
+  std::string env = "ZB_OBJECTSTORE_CHILD_STORE=" + file.string();
+  std::string filter = "--gtest_filter=SQLiteStoreChild.SaveManyPosts";
+  std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  char* argv[] = {self.data(), filter.data(), nullptr};
+  std::vector<char*> envp;
+  for (char** e = environ; *e; ++e) envp.push_back(*e);
+  envp.push_back(env.data());
+  envp.push_back(nullptr);
+  pid_t child = 0;
+  ASSERT_EQ(posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+
+  // Wait until the child is inside the big save and its transaction has
+  // started writing pages, then kill it without warning.
+  auto saving = std::filesystem::path(file.string() + ".saving");
+  auto wal = std::filesystem::path(file.string() + "-wal");
+  std::uintmax_t walAtStart = 0;
+  bool sawSaving = false;
+  int status = 0;
+  for (;;) {
+    if (waitpid(child, &status, WNOHANG) == child) break;
+    std::error_code ec;
+    if (!sawSaving && std::filesystem::exists(saving)) {
+      sawSaving = true;
+      walAtStart = std::filesystem::file_size(wal, ec);
+    }
+    if (sawSaving && std::filesystem::file_size(wal, ec) > walAtStart + (1u << 20)) {
+      kill(child, SIGKILL);
+      waitpid(child, &status, 0);
+      break;
+    }
+    usleep(1000);
+  }
+  ASSERT_TRUE(sawSaving) << "the child failed before its large save";
+  bool finished = std::filesystem::exists(file.string() + ".saved");
+  RecordProperty("killedMidSave", finished ? "no" : "yes");
+
+  RawDatabase raw(file);
+  EXPECT_EQ(raw.value("PRAGMA integrity_check"), "ok");
+  auto coordinator = open(file, makeTestModel(), migrationOptions(), nullptr);
+  ASSERT_TRUE(coordinator);
+  auto context = contextOn(coordinator);
+  EXPECT_EQ(countOf(*context, "Post"), finished ? 51000 : 1000);
+  EXPECT_EQ(fetchAll(*context, "Post", "identifier BEGINSWITH 'doomed-'").size(), finished ? 50000u : 0u);
+  EXPECT_TRUE(WIFSIGNALED(status) || finished);
+}
