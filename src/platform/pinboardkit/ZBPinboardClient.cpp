@@ -488,8 +488,38 @@ ZBPinboardClient::Operation ZBPinboardClient::retrieveTags() {
 
 namespace {
 
+// ---- Feed paths ----
+// Every feed address is made here. The secret (private) prefix, user, tag and
+// source pieces are documented by the service; the starred and network feeds
+// (methods under the secret prefix) and the popular sub-feeds
+// ("popular/wikipedia") are not confirmed by its documentation, so if the
+// service turns out to name them differently, this block is what changes.
+
 // A feed path piece: ':' stays readable ("u:alice", "t:c++" → "t:c%2B%2B").
 std::string segment(std::string_view text) { return escape(text, ":@") + "/"; }
+
+std::string secretFeedPrefix(const std::string& key, const std::string& username) {
+  return segment("secret:" + key) + segment("u:" + username);
+}
+
+// "popular", "popular/wikipedia", "starred", "network", "recent"…
+std::string methodFeedPath(const std::string& method) {
+  std::string path;
+  for (std::size_t i = 0, j; i <= method.size(); i = j + 1) {
+    j = std::min(method.find('/', i), method.size());
+    if (j > i) path += segment(std::string_view(method).substr(i, j - i));
+  }
+  return path;
+}
+
+std::string sourceFeedPath(const std::string& source) { return segment("from:" + source); }
+
+std::string userTagsFeedPath(const std::string& username, const std::vector<std::string>& tags) {
+  std::string path;
+  if (!username.empty()) path += segment("u:" + username);
+  for (const auto& t : tags) path += segment("t:" + t);
+  return path;
+}
 
 }  // namespace
 
@@ -527,7 +557,7 @@ ZBPinboardClient::Operation ZBPinboardClient::_feed(std::string name, std::strin
           if (!credentials) return fail(error, ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method));
           std::string key;
           if (!self->_rssKey(*credentials, op, key, error)) return Value();
-          prefix = segment("secret:" + key) + segment("u:" + credentials->username());
+          prefix = secretFeedPrefix(key, credentials->username());
         }
         Call call;
         call.method = method;
@@ -541,18 +571,12 @@ ZBPinboardClient::Operation ZBPinboardClient::_feed(std::string name, std::strin
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveFeedWithMethod(const std::string& method, bool authenticated,
                                                                      std::uint64_t resultsCount) {
-  // A method may have several levels ("popular/wikipedia").
-  std::string path;
-  for (std::size_t i = 0, j; i <= method.size(); i = j + 1) {
-    j = std::min(method.find('/', i), method.size());
-    if (j > i) path += segment(std::string_view(method).substr(i, j - i));
-  }
-  return _feed(method, path, authenticated, resultsCount);
+  return _feed(method, methodFeedPath(method), authenticated, resultsCount);
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveFeedWithSource(const std::string& source,
                                                                      std::uint64_t resultsCount) {
-  return _feed("from:" + source, segment("from:" + source), true, resultsCount);
+  return _feed("from:" + source, sourceFeedPath(source), true, resultsCount);
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveFeedWithUsername(const std::string& username, const Value& tags,
@@ -560,8 +584,6 @@ ZBPinboardClient::Operation ZBPinboardClient::retrieveFeedWithUsername(const std
   std::vector<std::string> list;
   if (!tagList(tags, list)) list.clear();
   if (username.empty() && list.empty()) return nullptr;  // the whole site: too broad to ask
-  std::string path;
-  if (!username.empty()) path += segment("u:" + username);
-  for (const auto& t : list) path += segment("t:" + t);
+  std::string path = userTagsFeedPath(username, list);
   return _feed(path, path, false, resultsCount);
 }
