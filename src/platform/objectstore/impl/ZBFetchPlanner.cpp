@@ -1,5 +1,6 @@
 #include "platform/objectstore/impl/ZBFetchPlanner.h"
 
+#include "platform/objectstore/NSPersistentStoreCoordinator.h"
 #include "platform/predicate/NSComparisonPredicate.h"
 #include "platform/predicate/NSCompoundPredicate.h"
 
@@ -86,4 +87,14 @@ void ZBPlanFetch(const NSFetchRequest& request, const std::shared_ptr<NSEntityDe
     orderBy += descriptor.ascending() ? " ASC" : " DESC";
   }
   if (spec->sortInSQL && !orderBy.empty()) spec->query.orderBy = orderBy + ", t0.\"Z_PK\"";
+}
+
+bool ZBCanTranslatePredicate(NSPersistentStoreCoordinator& coordinator, const NSEntityDescription& entity,
+                             const NSPredicate& predicate) {
+  return coordinator._withStore(&entity, nullptr, [&](ZBSQLiteStore& store) {
+    auto* layout = store.layout(&entity);
+    std::string sql;
+    std::vector<Value> parameters;
+    return layout && ZBTranslatePredicate(predicate, store, *layout, &sql, &parameters);
+  });
 }

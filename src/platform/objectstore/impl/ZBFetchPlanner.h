@@ -51,6 +51,12 @@ void ZBPlanFetch(const NSFetchRequest& request, const std::shared_ptr<NSEntityDe
 bool ZBTranslatePredicate(const NSPredicate& predicate, const ZBSQLiteStore& store, const ZBEntityLayout& layout,
                           std::string* sql, std::vector<Value>* parameters);
 
+// Whether the store of entity can evaluate predicate in SQL (else fetches
+// filter in memory).
+class NSPersistentStoreCoordinator;
+bool ZBCanTranslatePredicate(NSPersistentStoreCoordinator& coordinator, const NSEntityDescription& entity,
+                             const NSPredicate& predicate);
+
 // The "attribute == constant" conjunct of predicate, if any.
 std::optional<std::pair<std::size_t, Value>> ZBEqualityConjunct(const NSPredicate& predicate,
                                                                  const NSEntityDescription& entity);

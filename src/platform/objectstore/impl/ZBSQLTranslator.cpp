@@ -427,7 +427,10 @@ private:
         if (!constant.isCollection() || constant.count() != 2 || flags) return false;
         auto bounds = constant.collectionElements();
         if (!valueFits(operand.kind, bounds[0]) || !valueFits(operand.kind, bounds[1])) return false;
-        *out = operand.sql + " BETWEEN " + bind(bounds[0]) + " AND " + bind(bounds[1]);
+        // Bind in order: the placeholders are positional.
+        std::string low = bind(bounds[0]);
+        std::string high = bind(bounds[1]);
+        *out = operand.sql + " BETWEEN " + low + " AND " + high;
         return true;
       }
       case NSPredicateOperatorType::In: {
