@@ -99,6 +99,8 @@ public:
   // reads as absent here instead of throwing.
   [[nodiscard]] NSKeyValueObservation addObserver(std::string keyPath, NSKeyValueObservingOptions options,
                                                   NSKeyValueObserver callback);
+  // Same as token.invalidate().
+  void removeObserver(NSKeyValueObservation& token) { token.invalidate(); }
   // Bracket a change of a key; setters of observable properties call both,
   // outside any lock the getter takes. Old values are read in willChange, new
   // ones in didChange, which notifies observers of the key, of key paths

@@ -461,7 +461,7 @@ TEST(NSObjectObservation, RemovalDuringCallbacks) {
   selfRemoving = box->addObserver("x", New, [&](const std::string&, NSObject&, const NSKeyValueChange&) {
     ++selfCalls;
     selfRemoving.invalidate();  // removing itself
-    victim.invalidate();        // and another observer of the same change, not yet called
+    box->removeObserver(victim);  // and another observer of the same change, not yet called
   });
   victim = box->addObserver("x", New, [&](const std::string&, NSObject&, const NSKeyValueChange&) { ++victimCalls; });
   later = box->addObserver("x", New, [&](const std::string&, NSObject&, const NSKeyValueChange&) { ++laterCalls; });
