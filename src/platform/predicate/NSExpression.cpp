@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <stdexcept>
 
@@ -52,6 +53,39 @@ const FunctionInfo* functionNamed(std::string_view name) {
 
 std::size_t hashCombine(std::size_t seed, std::size_t value) {
   return seed ^ (value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2));
+}
+
+// Constants compare as values do, except that NaN equals NaN: a tree must
+// equal itself and its reprint.
+bool sameConstant(const Value& a, const Value& b) {
+  if (a.isDouble() && b.isDouble() && std::isnan(a.doubleValue()) && std::isnan(b.doubleValue())) return true;
+  if (a.isArray() && b.isArray()) {
+    const Array& x = a.asArray();
+    const Array& y = b.asArray();
+    if (x.size() != y.size()) return false;
+    for (std::size_t i = 0; i < x.size(); ++i)
+      if (!sameConstant(x[i], y[i])) return false;
+    return true;
+  }
+  return a.isEqual(b);
+}
+
+// One NaN bit pattern for every NaN (also inside arrays), so equal constants
+// hash alike.
+bool containsNaN(const Value& v) {
+  if (v.isDouble()) return std::isnan(v.doubleValue());
+  if (v.isArray())
+    for (const Value& e : v.asArray())
+      if (containsNaN(e)) return true;
+  return false;
+}
+
+Value canonicalNaN(const Value& v) {
+  if (v.isDouble()) return Value(std::numeric_limits<double>::quiet_NaN());
+  Array elements;
+  elements.reserve(v.asArray().size());
+  for (const Value& e : v.asArray()) elements.push_back(containsNaN(e) ? canonicalNaN(e) : e);
+  return Value(std::move(elements));
 }
 
 bool sameExpression(const NSExpressionPtr& a, const NSExpressionPtr& b) {
@@ -327,6 +361,7 @@ NSExpression::NSExpression(NSExpressionType type, Value constant, std::string na
       _predicate(std::move(predicate)) {
   ZBPredicateRegisterArchivableClasses();
   if (_type == NSExpressionType::ConstantValue && _constant.isNull()) _constant = Value();
+  if (_type == NSExpressionType::ConstantValue && containsNaN(_constant)) _constant = canonicalNaN(_constant);
   if (_type == NSExpressionType::KeyPath) {
     _plainKeyPath = true;
     std::size_t start = 0;
@@ -409,7 +444,7 @@ bool NSExpression::isEqual(const NSObject& other) const {
   if (!o || o->_type != _type) return false;
   switch (_type) {
     case NSExpressionType::ConstantValue:
-      return _constant.isEqual(o->_constant);
+      return sameConstant(_constant, o->_constant);
     case NSExpressionType::EvaluatedObject:
       return true;
     case NSExpressionType::Variable:
@@ -497,7 +532,7 @@ void NSExpression::_appendFormat(std::string& out) const {
       return;
     case NSExpressionType::Variable:
       out += '$';
-      out += _name;
+      ZBPredicateAppendVariableName(out, _name);
       return;
     case NSExpressionType::Symbolic:
       out += _name;
@@ -525,7 +560,7 @@ void NSExpression::_appendFormat(std::string& out) const {
       out += "SUBQUERY(";
       _operand->_appendFormat(out);
       out += ", $";
-      out += _name;
+      ZBPredicateAppendVariableName(out, _name);
       out += ", ";
       _predicate->_appendFormat(out);
       out += ')';

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "platform/predicate/NSComparisonPredicate.h"
 #include "platform/predicate/NSCompoundPredicate.h"
 #include "platform/predicate/NSPredicate.h"
@@ -194,6 +196,8 @@ TEST(PredicateFormat, RoundTripsABroadCorpus) {
                   {Value(Data{0, 1, 254}), Array{NSDate(1.0), "q\"uote", 3.5}, NSDate(-12345.6789), "a.b"});
   expectRoundTrip("x == %@", {std::numeric_limits<double>::infinity()});
   expectRoundTrip("%K == %@", {"true", "YES"});
+  expectRoundTrip("x IN {CAST('nan', 'NSNumber'), CAST('-nan', 'NSNumber')} AND y == %@", {std::nan("")});
+  expectRoundTrip("$a\\x20b == 1 AND SUBQUERY(x, $\\x2d, TRUEPREDICATE) == 1");
 }
 
 TEST(PredicateFormat, MalformedInputGivesAnErrorWithItsPosition) {
@@ -240,6 +244,8 @@ TEST(PredicateFormat, MalformedInputGivesAnErrorWithItsPosition) {
       {"a == @", 5},                 //
       {"# == 1", 0},                 //
       {"a\\q == 1", 1},              // bad identifier escape
+      {"a\\u002e\\x2eb == 1", 1},    // an escape cannot hide a key separator
+      {"a\\056 == 1", 1},
       {"AND == 1", 0},               // reserved word as a key
       {"a == FIRST", 5},             // FIRST outside an index
       {"a[1 == 2", 4},               // unclosed index

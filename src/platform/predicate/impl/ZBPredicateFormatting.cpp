@@ -96,6 +96,15 @@ void ZBPredicateAppendKeyComponent(std::string& out, std::string_view component)
   }
 }
 
+void ZBPredicateAppendVariableName(std::string& out, std::string_view name) {
+  for (char c : name) {
+    if (isIdentifierChar(static_cast<unsigned char>(c)))
+      out += c;
+    else
+      appendHexEscape(out, static_cast<unsigned char>(c));
+  }
+}
+
 void ZBPredicateAppendConstant(std::string& out, const Value& value) {
   switch (value.type()) {
     case Value::Type::Absent:

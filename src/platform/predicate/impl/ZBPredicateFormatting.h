@@ -16,5 +16,8 @@ void ZBPredicateAppendNumber(std::string& out, const Value& number);
 // One key path component: reserved words get '#', characters that cannot
 // appear in an identifier are escaped as \xHH.
 void ZBPredicateAppendKeyComponent(std::string& out, std::string_view component);
+// A variable name after its '$': identifier characters (digits may lead),
+// others escaped as \xHH.
+void ZBPredicateAppendVariableName(std::string& out, std::string_view name);
 // True for the words the parser reads as keywords (any letter case).
 bool ZBPredicateIsReservedWord(std::string_view word);

@@ -153,7 +153,7 @@ private:
         return _format(t);
       case '$': {
         ++_i;
-        if (_i >= _s.size() || !isIdentifierChar(static_cast<unsigned char>(_s[_i])))
+        if (_i >= _s.size() || !(isIdentifierChar(static_cast<unsigned char>(_s[_i])) || _s[_i] == '\\'))
           return _fail("'$' must be followed by a variable name", t.position);
         t.kind = Tok::Variable;
         return _identifier(t.text);
@@ -201,6 +201,8 @@ private:
             if (h < 0) return _fail("invalid escape in identifier", start);
             value = value * 16 + static_cast<std::uint32_t>(h);
           }
+          // A dot would split the key; keys never contain one.
+          if (value == '.') return _fail("an escape in a key cannot stand for '.'", start);
           if (kind == 'x')
             out += static_cast<char>(value);
           else if (value >= 0xD800 && value <= 0xDFFF)
@@ -213,6 +215,7 @@ private:
         if (kind >= '0' && kind <= '7' && _peek(2) >= '0' && _peek(2) <= '7' && _peek(3) >= '0' && _peek(3) <= '7') {
           int value = (kind - '0') * 64 + (_peek(2) - '0') * 8 + (_peek(3) - '0');
           if (value > 255) return _fail("invalid escape in identifier", start);
+          if (value == '.') return _fail("an escape in a key cannot stand for '.'", start);
           out += static_cast<char>(value);
           _i += 4;
           continue;
