@@ -53,9 +53,9 @@ public:
 protected:
   ZBConcurrentOperation();
 
-  // Lays out the plan. Called once, on a background thread, when the
-  // operation starts; must return without waiting for any work. The base
-  // hands over nothing and sets no provider.
+  // Lays out the plan. Called once, on the thread that starts the operation
+  // (a background thread of its queue); must return without waiting for any
+  // work. The base hands over nothing and sets no provider.
   virtual void setupOperations(const ZBAddWorkOperation& addWorkOperation);
   void setCompletionProvider(ZBCompletionProvider provider);
 

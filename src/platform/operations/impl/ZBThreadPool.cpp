@@ -6,7 +6,7 @@
 namespace {
 // How long queued tasks may wait with no thread taking any before the
 // watchdog assumes the busy threads are blocked and adds one.
-constexpr auto kStarvationDelay = std::chrono::milliseconds(20);
+constexpr auto kStarvationDelay = std::chrono::milliseconds(10);
 // How long a surplus idle thread lingers before it leaves.
 constexpr auto kIdleLinger = std::chrono::seconds(5);
 }  // namespace
@@ -20,7 +20,9 @@ ZBThreadPool& ZBThreadPool::shared() {
 ZBThreadPool::ZBThreadPool() {
   std::size_t cores = std::max(1u, std::thread::hardware_concurrency());
   _minimumThreads = cores;
-  _softLimit = std::max<std::size_t>(16, 4 * cores);
+  // Threads beyond the cores only help work that blocks, and the watchdog
+  // covers that; more of them up front just contend for the cores.
+  _softLimit = std::max<std::size_t>(4, 2 * cores);
   _lastTake = std::chrono::steady_clock::now();
 }
 

@@ -3,10 +3,11 @@
 // their operations. Internal to the operations layer.
 //
 // It grows instead of queueing when every thread is busy: a task submitted
-// while no thread is idle gets a new thread, up to a soft limit. Beyond that,
-// a watchdog adds one more thread whenever tasks have been waiting and no
-// thread has taken one for a short while, so work blocked on the network or on
-// another thread never starves the tasks behind it. Idle threads above the
+// while no thread is idle gets a new thread, up to a soft limit of twice the
+// cores (at least four). Beyond that, a watchdog adds one more thread whenever
+// tasks have been waiting and no thread has taken one for 10 ms, so work
+// blocked on the network or on another thread never starves the tasks behind
+// it (at the cost of that delay per extra thread). Idle threads above the
 // number of cores leave after a few seconds.
 //
 // Thread-safe. The pool lives until the process exits (its threads are
