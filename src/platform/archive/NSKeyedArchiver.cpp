@@ -157,6 +157,7 @@ std::int64_t NSKeyedArchiver::_encodeObject(const std::shared_ptr<NSObject>& obj
     return 0;
   }
   ++_depth;
+  _retained.push_back(object);
   _inProgress.insert(object.get());
   std::int64_t index = _append(Value());
   _frames.emplace_back();

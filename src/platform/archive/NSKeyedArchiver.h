@@ -26,6 +26,7 @@
 #include "platform/foundation/Value.h"
 
 inline constexpr std::size_t ZBKeyedArchiveMaxDepth = 256;
+inline constexpr std::uint64_t ZBKeyedArchiveMaxExpandedValues = 1u << 20;
 
 class NSKeyedArchiver {
 public:
@@ -60,6 +61,9 @@ private:
   std::unordered_map<std::string, std::int64_t> _strings;
   std::unordered_map<std::string, std::int64_t> _classes;
   std::map<const NSObject*, std::int64_t> _written;  // finished NSCoding objects
+  // Keeps every written object alive until the archive is done, so that an
+  // address seen twice is really the same object.
+  std::vector<std::shared_ptr<NSObject>> _retained;
   std::set<const NSObject*> _inProgress;
   std::int64_t _nullMarker = -1;
   std::size_t _depth = 0;

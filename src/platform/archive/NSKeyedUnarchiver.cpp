@@ -134,6 +134,7 @@ Value NSKeyedUnarchiver::unarchivedObjectOfClasses(const std::set<std::string>& 
     ZBSetError(error, corruptError("The archive has no root object."));
     return {};
   }
+  unarchiver._sizes.push_back(0);
   Value result = unarchiver._decodeReference(root, unarchiver._intern(allowedClasses));
   if (unarchiver._error) {
     ZBSetError(error, unarchiver._error);
@@ -177,8 +178,16 @@ Value NSKeyedUnarchiver::_decodeIndex(std::int64_t index, std::size_t classes) {
     return {};
   }
   if (index == 0) return {};
-  if (auto found = _decoded.find({index, classes}); found != _decoded.end()) return found->second;
-  auto slot = static_cast<std::size_t>(index);
+  // Every use of a value counts its whole size, shared or not: that is what
+  // hashing or comparing the result will cost.
+  auto count = [&](std::uint64_t size) {
+    _sizes.back() += size;
+    if (_sizes.back() > ZBKeyedArchiveMaxExpandedValues) _fail("The archive expands to too many values.");
+  };
+  if (auto found = _decoded.find({index, classes}); found != _decoded.end()) {
+    count(found->second.size);
+    return _error ? Value() : found->second.value;
+  }
   if (auto found = _objectsDecoded.find(index); found != _objectsDecoded.end()) {
     // One archived object is one object, whichever set asks for it again;
     // its class must still be admitted by this set.
@@ -186,8 +195,10 @@ Value NSKeyedUnarchiver::_decodeIndex(std::int64_t index, std::size_t classes) {
       _fail("The archive holds an object of class " + found->second.hierarchy.front() + ", which is not allowed here.");
       return {};
     }
-    return found->second.value;
+    count(found->second.size);
+    return _error ? Value() : found->second.value;
   }
+  auto slot = static_cast<std::size_t>(index);
   if (_inProgress[slot]) {
     _fail("The archive's references form a cycle.");
     return {};
@@ -198,15 +209,24 @@ Value NSKeyedUnarchiver::_decodeIndex(std::int64_t index, std::size_t classes) {
   }
   _inProgress[slot] = true;
   ++_depth;
-  std::optional<Value> value = _decodeFresh(index, classes);
+  _sizes.push_back(1);
+  std::optional<Decoded> decoded = _decodeFresh(index, classes);
+  std::uint64_t size = _sizes.back();
+  _sizes.pop_back();
   --_depth;
   _inProgress[slot] = false;
-  if (!value || _error) {
+  if (!decoded || _error) {
     _fail("An object could not be decoded.");
     return {};
   }
-  _decoded.emplace(std::make_pair(index, classes), *value);
-  return *value;
+  count(size);
+  if (_error) return {};
+  if (decoded->hierarchy.empty()) {
+    _decoded.emplace(std::make_pair(index, classes), Remembered{decoded->value, size});
+  } else {
+    _objectsDecoded.emplace(index, DecodedObject{decoded->value, std::move(decoded->hierarchy), size});
+  }
+  return decoded->value;
 }
 
 bool NSKeyedUnarchiver::_decodeElements(const Dictionary& fields, const std::string& key, std::size_t classes,
@@ -224,7 +244,7 @@ bool NSKeyedUnarchiver::_decodeElements(const Dictionary& fields, const std::str
   return true;
 }
 
-std::optional<Value> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::size_t classes) {
+std::optional<NSKeyedUnarchiver::Decoded> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::size_t classes) {
   const Value& object = _objects[static_cast<std::size_t>(index)];
   auto admitted = [&](const std::string& className, const std::vector<std::string>& hierarchy) {
     if (admits(_classSets[classes], hierarchy)) return true;
@@ -234,15 +254,15 @@ std::optional<Value> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::si
   switch (object.type()) {
     case Value::Type::String:
       if (!admitted("NSString", builtins().at("NSString").hierarchy)) return std::nullopt;
-      return object;
+      return Decoded{object};
     case Value::Type::Bool:
     case Value::Type::Integer:
     case Value::Type::Double:
       if (!admitted("NSNumber", builtins().at("NSNumber").hierarchy)) return std::nullopt;
-      return object;
+      return Decoded{object};
     case Value::Type::Data:
       if (!admitted("NSData", builtins().at("NSData").hierarchy)) return std::nullopt;
-      return object;
+      return Decoded{object};
     case Value::Type::Dictionary: break;
     default: _fail("The archive holds a value of an unexpected type."); return std::nullopt;
   }
@@ -278,9 +298,7 @@ std::optional<Value> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::si
       _fail("An object of class " + className + " could not be decoded.");
       return std::nullopt;
     }
-    Value result(std::move(decoded));
-    _objectsDecoded.emplace(index, DecodedObject{result, entry->hierarchy});
-    return result;
+    return Decoded{Value(std::move(decoded)), std::move(entry->hierarchy)};
   }
 
   if (!admitted(className, builtin->second.hierarchy)) return std::nullopt;
@@ -288,12 +306,12 @@ std::optional<Value> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::si
     case Kind::Array: {
       Array elements;
       if (!_decodeElements(fields, "NS.objects", classes, elements)) return std::nullopt;
-      return Value(std::move(elements));
+      return Decoded{Value(std::move(elements))};
     }
     case Kind::Set: {
       Array elements;
       if (!_decodeElements(fields, "NS.objects", classes, elements)) return std::nullopt;
-      return Value(Set(elements));
+      return Decoded{Value(Set(elements))};
     }
     case Kind::Dictionary: {
       Array keys, values;
@@ -313,7 +331,7 @@ std::optional<Value> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::si
         }
         entries.emplace_back(keys[i].asString(), std::move(values[i]));
       }
-      return Value(Dictionary::fromEntries(std::move(entries)));
+      return Decoded{Value(Dictionary::fromEntries(std::move(entries)))};
     }
     case Kind::Date: {
       const Value& time = fields["NS.time"];
@@ -321,16 +339,16 @@ std::optional<Value> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::si
         _fail("A date has no time.");
         return std::nullopt;
       }
-      return Value(NSDate(time.doubleValue()));
+      return Decoded{Value(NSDate(time.doubleValue()))};
     }
-    case Kind::Null: return Value::null();
+    case Kind::Null: return Decoded{Value::null()};
     case Kind::String: {
       const Value& text = fields["NS.string"];
       if (!text.isString()) {
         _fail("A string object has no text.");
         return std::nullopt;
       }
-      return text;
+      return Decoded{text};
     }
     case Kind::Data: {
       const Value& bytes = fields["NS.data"];
@@ -338,7 +356,7 @@ std::optional<Value> NSKeyedUnarchiver::_decodeFresh(std::int64_t index, std::si
         _fail("A data object has no bytes.");
         return std::nullopt;
       }
-      return bytes;
+      return Decoded{bytes};
     }
     case Kind::Number:
     case Kind::Registered: break;

@@ -16,8 +16,10 @@
 //
 // Damaged input of any kind (not a property list, wrong layout, out-of-range
 // or cyclic references, wrong types, nesting deeper than
-// ZBKeyedArchiveMaxDepth, unknown or disallowed classes) yields absent and an
-// NSCocoaErrorDomain / NSCoderReadCorruptError error; it never crashes.
+// ZBKeyedArchiveMaxDepth, shared references expanding to more than
+// ZBKeyedArchiveMaxExpandedValues values, unknown or disallowed classes)
+// yields absent and an NSCocoaErrorDomain / NSCoderReadCorruptError error; it
+// never crashes.
 //
 // An unarchiver exists only during unarchivedObjectOfClasses, which is
 // thread-safe; so is registerClass.
@@ -77,6 +79,19 @@ public:
   NSKeyedUnarchiver& operator=(const NSKeyedUnarchiver&) = delete;
 
 private:
+  struct Decoded {
+    Value value;
+    std::vector<std::string> hierarchy;  // set for registered-class objects only
+  };
+  struct Remembered {
+    Value value;
+    std::uint64_t size;  // values it expands to
+  };
+  struct DecodedObject {
+    Value value;
+    std::vector<std::string> hierarchy;
+    std::uint64_t size;
+  };
   struct Frame {
     const Dictionary* fields;
     std::size_t classes;  // index into _classSets
@@ -86,24 +101,21 @@ private:
   std::size_t _intern(const std::set<std::string>& classes);
   Value _decodeReference(const Value& reference, std::size_t classes);
   Value _decodeIndex(std::int64_t index, std::size_t classes);
-  std::optional<Value> _decodeFresh(std::int64_t index, std::size_t classes);
+  std::optional<Decoded> _decodeFresh(std::int64_t index, std::size_t classes);
   bool _decodeElements(const Dictionary& fields, const std::string& key, std::size_t classes, Array& out);
   const Value* _field(const std::string& key) const;
   void _fail(const std::string& reason);
 
   const Array& _objects;
   std::deque<std::set<std::string>> _classSets;
-  struct DecodedObject {
-    Value value;
-    std::vector<std::string> hierarchy;
-  };
   // Values (plain data) are remembered per allowed set, so that a container
   // is never handed out under a set its elements were not checked against;
   // registered-class objects per index, so that they keep their identity.
-  std::map<std::pair<std::int64_t, std::size_t>, Value> _decoded;
+  std::map<std::pair<std::int64_t, std::size_t>, Remembered> _decoded;
   std::map<std::int64_t, DecodedObject> _objectsDecoded;
   std::vector<bool> _inProgress;
   std::vector<Frame> _frames;
+  std::vector<std::uint64_t> _sizes;  // values counted so far for each object being decoded
   std::size_t _depth = 0;
   NSErrorPtr _error;
 };

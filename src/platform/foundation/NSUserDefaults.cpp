@@ -20,9 +20,19 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::mutex gStandardMutex;
-std::shared_ptr<NSUserDefaults> gStandard;  // guarded by gStandardMutex
-fs::path gStandardPath;                     // guarded by gStandardMutex
+struct StandardState {
+  std::mutex mutex;
+  std::shared_ptr<NSUserDefaults> defaults;  // guarded by mutex
+  fs::path path;                             // guarded by mutex
+};
+
+// Never destroyed: the shared object must not run its destructor (which may
+// write the file and build localised errors) while other statics of the
+// process are already gone. Changes still pending at exit need synchronize().
+StandardState& standardState() {
+  static auto* state = new StandardState();
+  return *state;
+}
 
 NSErrorPtr fileError(std::int64_t code, const std::string& description, const fs::path& file,
                      NSErrorPtr underlying = nullptr) {
@@ -88,8 +98,9 @@ NSUserDefaults::~NSUserDefaults() {
 
 fs::path NSUserDefaults::standardUserDefaultsPath() {
   {
-    std::lock_guard lock(gStandardMutex);
-    if (!gStandardPath.empty()) return gStandardPath;
+    StandardState& standard = standardState();
+    std::lock_guard lock(standard.mutex);
+    if (!standard.path.empty()) return standard.path;
   }
   if (const char* explicitPath = std::getenv("ZBTARROW_DEFAULTS_PATH"); explicitPath && *explicitPath)
     return explicitPath;
@@ -106,18 +117,20 @@ fs::path NSUserDefaults::standardUserDefaultsPath() {
 
 std::shared_ptr<NSUserDefaults> NSUserDefaults::standardUserDefaults() {
   fs::path file = standardUserDefaultsPath();
-  std::lock_guard lock(gStandardMutex);
-  if (!gStandard) gStandard = create(std::move(file));
-  return gStandard;
+  StandardState& standard = standardState();
+  std::lock_guard lock(standard.mutex);
+  if (!standard.defaults) standard.defaults = create(std::move(file));
+  return standard.defaults;
 }
 
 void NSUserDefaults::setStandardUserDefaultsPath(fs::path file) {
   std::shared_ptr<NSUserDefaults> previous;
   {
-    std::lock_guard lock(gStandardMutex);
-    gStandardPath = std::move(file);
-    previous = std::move(gStandard);
-    gStandard.reset();
+    StandardState& standard = standardState();
+    std::lock_guard lock(standard.mutex);
+    standard.path = std::move(file);
+    previous = std::move(standard.defaults);
+    standard.defaults.reset();
   }
   if (previous) previous->synchronize();
 }
@@ -259,35 +272,35 @@ void NSUserDefaults::_adoptPersistent(Dictionary contents, NSErrorPtr loadError)
 }
 
 std::optional<Dictionary> NSUserDefaults::_readFile(NSErrorPtr* error) const {
+  // Errors are built only when asked for: the destructor asks for none.
   std::error_code ec;
   if (!fs::exists(_path, ec)) {
     if (!ec || ec == std::errc::no_such_file_or_directory) return Dictionary();
   }
   std::ifstream in(_path, std::ios::binary);
-  if (!in) {
-    int code = errno != 0 ? errno : EIO;
-    std::int64_t cocoa = code == EACCES || code == EPERM ? NSFileReadNoPermissionError : NSFileReadUnknownError;
-    ZBSetError(error, fileError(cocoa, ZBLocalizedString("The settings file couldn’t be opened."), _path,
-                                posixError(code)));
-    return std::nullopt;
-  }
-  Data bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) {
-    ZBSetError(error, fileError(NSFileReadUnknownError, ZBLocalizedString("The settings file couldn’t be opened."), _path,
-                                posixError(EIO)));
+  Data bytes;
+  if (in) bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  if (!in && !in.eof()) {
+    if (error) {
+      int code = errno != 0 ? errno : EIO;
+      std::int64_t cocoa = code == EACCES || code == EPERM ? NSFileReadNoPermissionError : NSFileReadUnknownError;
+      *error = fileError(cocoa, ZBLocalizedString("The settings file couldn’t be opened."), _path, posixError(code));
+    }
     return std::nullopt;
   }
   NSErrorPtr parseError;
-  Value plist = NSPropertyListSerialization::propertyListWithData(bytes, nullptr, &parseError);
+  Value plist = NSPropertyListSerialization::propertyListWithData(bytes, nullptr, error ? &parseError : nullptr);
   if (!plist.isDictionary()) {
-    if (!parseError) {
-      parseError = NSError::create(NSCocoaErrorDomain, NSPropertyListReadCorruptError,
-                                   "The property list is not a dictionary.");
+    if (error) {
+      if (!parseError) {
+        parseError = NSError::create(NSCocoaErrorDomain, NSPropertyListReadCorruptError,
+                                     "The property list is not a dictionary.");
+      }
+      *error = fileError(NSFileReadCorruptFileError,
+                         ZBLocalizedString("The settings file couldn’t be opened because it isn’t in the correct "
+                                           "format."),
+                         _path, parseError);
     }
-    ZBSetError(error, fileError(NSFileReadCorruptFileError,
-                                ZBLocalizedString("The settings file couldn’t be opened because it isn’t in the "
-                                                  "correct format."),
-                                _path, parseError));
     return std::nullopt;
   }
   return plist.asDictionary();
@@ -301,30 +314,30 @@ bool NSUserDefaults::_writeFile(const Dictionary& contents, NSErrorPtr* error) c
   if (bytes.empty()) return ZBSetError(error, serialisationError);
 
   fs::path directory = _path.parent_path();
+  // Errors are built only when asked for: the destructor asks for none.
+  auto fail = [&](int code) {
+    if (error) *error = writeFailure(code, _path);
+    return false;
+  };
   if (!directory.empty()) {
     std::error_code ec;
     fs::create_directories(directory, ec);
-    if (ec) return ZBSetError(error, writeFailure(ec.value(), _path));
+    if (ec) return fail(ec.value());
   }
   std::string temporary = _path.string() + ".XXXXXX";
   int fd = ::mkstemp(temporary.data());  // created with mode 0600
-  if (fd < 0) return ZBSetError(error, writeFailure(errno, _path));
-  auto fail = [&](int code) {
-    ::close(fd);
+  if (fd < 0) return fail(errno);
+  auto discard = [&](int code) {
     ::unlink(temporary.c_str());
-    return ZBSetError(error, writeFailure(code, _path));
+    return fail(code);
   };
-  if (!writeAll(fd, bytes) || ::fsync(fd) != 0) return fail(errno);
-  if (::close(fd) != 0) {
+  if (!writeAll(fd, bytes) || ::fsync(fd) != 0) {
     int code = errno;
-    ::unlink(temporary.c_str());
-    return ZBSetError(error, writeFailure(code, _path));
+    ::close(fd);
+    return discard(code);
   }
-  if (::rename(temporary.c_str(), _path.c_str()) != 0) {
-    int code = errno;
-    ::unlink(temporary.c_str());
-    return ZBSetError(error, writeFailure(code, _path));
-  }
+  if (::close(fd) != 0) return discard(errno);
+  if (::rename(temporary.c_str(), _path.c_str()) != 0) return discard(errno);
   // Make the rename itself durable.
   int dirFd = ::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dirFd >= 0) {

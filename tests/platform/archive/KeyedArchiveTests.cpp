@@ -4,6 +4,8 @@
 #include <mutex>
 #include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/archive/NSKeyedArchiver.h"
 #include "platform/archive/NSKeyedUnarchiver.h"
@@ -348,17 +350,54 @@ TEST(KeyedArchive, RefusesDamagedAndHostileArchives) {
                                     classEntry("TestBookmark", Array{"TestBookmark", "NSObject"})}),
                 "registered class with a field of the wrong type");
 
-  // A chain nested beyond the limit fails cleanly; sharing is not expansion.
+  // A chain nested beyond the limit fails cleanly.
   Array chain{"$null", "unused", arrayClass};
   for (std::int64_t i = 3; i < 5003; ++i) chain.push_back(array({uid(i + 1)}));
   chain.push_back(array({}));
   expectCorrupt(archiveWithObjects(chain, uid(3)), "deep chain");
-  Array doubling{"$null", "unused", arrayClass};
-  for (std::int64_t i = 3; i < 64; ++i) doubling.push_back(array({uid(i + 1), uid(i + 1)}));
-  doubling.push_back(true);
+
+  // Each level refers to the next twice. Moderate sharing decodes (to shared
+  // containers); sharing that expands beyond the limit is refused, since
+  // hashing or comparing the result would never finish.
+  auto doubling = [&](std::int64_t levels) {
+    Array objects{"$null", "unused", arrayClass};
+    for (std::int64_t i = 3; i < 3 + levels; ++i) objects.push_back(array({uid(i + 1), uid(i + 1)}));
+    objects.push_back(true);
+    return archiveWithObjects(objects, uid(3));
+  };
   NSErrorPtr error;
-  Value shared = NSKeyedUnarchiver::unarchivedObjectOfClasses({"NSArray", "NSNumber"}, archiveWithObjects(doubling, uid(3)),
-                                                              &error);
+  Value shared = NSKeyedUnarchiver::unarchivedObjectOfClasses({"NSArray", "NSNumber"}, doubling(10), &error);
   ASSERT_TRUE(shared.isArray()) << (error ? error->description() : "");
-  EXPECT_EQ(shared.count(), 2u);
+  Value leaf = shared;
+  for (int level = 0; level < 10; ++level) leaf = leaf.asArray()[1];
+  EXPECT_EQ(leaf, Value(true));
+  expectCorrupt(doubling(64), "exponential sharing");
+  // The same inside a set, whose construction hashes its elements.
+  Array setOfDoubling{"$null", "unused", arrayClass, Value(Dictionary{{"$class", uid(4)}, {"NS.objects", Value(Array{uid(5)})}}),
+                      classEntry("NSSet", Array{"NSSet", "NSObject"})};
+  for (std::int64_t i = 5; i < 5 + 64; ++i) setOfDoubling.push_back(array({uid(i + 1), uid(i + 1)}));
+  setOfDoubling.push_back(true);
+  expectCorrupt(archiveWithObjects(setOfDoubling, uid(3)), "exponential sharing in a set");
+}
+
+TEST(KeyedArchive, ArchivesAndRegistersFromSeveralThreadsAtOnce) {
+  TestBookmark::registerForCoding();
+  auto bookmark = std::make_shared<TestBookmark>();
+  bookmark->title = "shared";
+  Data archive = NSKeyedArchiver::archivedDataWithRootObject(Value(Array{Value(bookmark), sample()}));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 50; ++i) {
+        // Registrations of other classes while decoding goes on elsewhere.
+        NSKeyedUnarchiver::registerClass("TestThread" + std::to_string(t), {"TestItem"},
+                                         [](NSKeyedUnarchiver&, NSErrorPtr*) { return std::make_shared<NSObject>(); });
+        Value back = NSKeyedUnarchiver::unarchivedObjectOfClasses({"NSObject"}, archive);
+        ASSERT_TRUE(back.isArray());
+        EXPECT_EQ(back.asArray()[0].as<TestBookmark>()->title, "shared");
+        EXPECT_EQ(NSKeyedArchiver::archivedDataWithRootObject(back.asArray()[1]).empty(), false);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
 }
