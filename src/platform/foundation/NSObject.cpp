@@ -173,6 +173,7 @@ struct NSKeyValueObservation::State {
     std::unique_lock lock(mutex);
     valid = false;
     tree.reset();
+    ++version;
     const auto self = std::this_thread::get_id();
     // From inside its own callback the caller cannot wait: another thread's
     // call might be waiting on this one (two calls both removing themselves).
@@ -298,6 +299,7 @@ void settle(const std::shared_ptr<State>& state, std::unique_lock<std::mutex>& l
     keepAlive.push_back(std::move(object));
     keepAlive.push_back(next);
     lock.lock();
+    if (!state->valid) return;
     if (state->version != version) continue;  // the tree changed meanwhile: look again
     pending->needsChild = false;
     if (next) pending->child = makeNode(state, *next, ObjectRef{next, nullptr}, pending->rest, pending, false);

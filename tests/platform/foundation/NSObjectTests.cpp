@@ -483,6 +483,26 @@ TEST(NSObjectObservation, RemovalDuringCallbacks) {
   box->setValueForKey(4, "x");
   EXPECT_EQ(added.size(), 2u);
   EXPECT_EQ(addedCalls, 1);
+
+  // Ending an observation from a getter it is reading while it follows a
+  // replaced object (regression: the rebuild went on with a freed tree).
+  auto leaf = Box::create({"v"});
+  auto holder = Box::create({"leaf"});
+  NSKeyValueObservation reading;
+  bool endWhileReading = false;
+  int readingCalls = 0;
+  holder->derive("leaf", [&](const Box&) {
+    if (endWhileReading) reading.invalidate();
+    return Value(leaf);
+  });
+  reading = holder->addObserver("leaf.v", New, [&](const std::string&, NSObject&, const NSKeyValueChange&) {
+    ++readingCalls;
+  });
+  endWhileReading = true;
+  holder->setValueForKey(leaf, "leaf");
+  leaf->setValueForKey(1, "v");
+  EXPECT_FALSE(reading.isValid());
+  EXPECT_EQ(readingCalls, 0);
 }
 
 TEST(NSObjectObservation, RootLifetime) {
