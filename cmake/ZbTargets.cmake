@@ -13,7 +13,8 @@ if(ZB_SAN_FLAGS)
   add_link_options(${ZB_SAN_FLAGS})
 endif()
 if(ZB_FUZZ)
-  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  # Undefined behaviour must stop the fuzzer like a crash, not scroll past.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
