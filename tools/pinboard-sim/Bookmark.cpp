@@ -124,7 +124,7 @@ void Account::touch(std::int64_t now) {
 
 std::string formatDateTime(std::int64_t seconds, bool offsetStyle) {
   Civil c = civilFromSeconds(seconds);
-  char buf[40];
+  char buf[96];
   std::snprintf(buf, sizeof buf, "%04lld-%02u-%02uT%02u:%02u:%02u%s", static_cast<long long>(c.year), c.month, c.day,
                 c.hour, c.minute, c.second, offsetStyle ? "+00:00" : "Z");
   return buf;

@@ -7,7 +7,7 @@ namespace pinboard_sim {
 namespace {
 
 void appendUnicodeEscape(std::string& out, unsigned code) {
-  char buf[8];
+  char buf[16];
   std::snprintf(buf, sizeof buf, "\\u%04x", code);
   out += buf;
 }
