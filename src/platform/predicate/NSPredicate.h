@@ -48,8 +48,11 @@ public:
   static NSPredicatePtr predicateWithValue(bool value);
 
   // The canonical format text: keywords and operators in their canonical
-  // spelling, strings double-quoted, nested compounds parenthesised. Parsing
-  // it again gives an equal predicate.
+  // spelling, strings double-quoted, nested compounds parenthesised, dates as
+  // CAST(…, "NSDate"). Parsing it again gives an equal predicate, for every
+  // predicate that was parsed; constants without a literal form that came in
+  // as arguments do not come back the same (a set prints as {…} and reads
+  // back as an array; an object prints its description). Archive those.
   virtual std::string predicateFormat() const;
 
   // Evaluates against object (a dictionary, an NSObject, a collection, any

@@ -301,10 +301,16 @@ TEST(PredicateFormat, DeepNestingIsRefusedNotCrashing) {
   std::string sum = "a == 1";
   for (int i = 0; i < 5000; ++i) sum += " + 1";
   EXPECT_GE(errorPosition(sum), 0);
-  // Moderate depth still works and round-trips.
+  // Depth up to the limit still works, and its reprint (which needs more
+  // parentheses than the input) parses again.
   std::string moderate = "a == 1";
-  for (int i = 0; i < 100; ++i) moderate = "(" + moderate + " OR b == " + std::to_string(i) + ")";
+  for (int i = 0; i < 200; ++i) moderate = "(" + moderate + " OR b == " + std::to_string(i) + ")";
   expectRoundTrip(moderate);
+  expectRoundTrip("a == 1 AND " + std::string(250, '!') + "b == 2");
+  expectRoundTrip("a == " + std::string(250, '(') + "1" + std::string(250, ')'));
+  std::string nested = "x";
+  for (int i = 0; i < 240; ++i) nested = i % 3 == 0 ? "(" + nested + " + 1)" : (i % 3 == 1 ? nested + "[0]" : "-" + nested);
+  expectRoundTrip(nested + " == 1");
 }
 
 TEST(PredicateFormat, ExpressionsParseOnTheirOwn) {

@@ -18,9 +18,11 @@ namespace {
 
 // Deep nesting is refused rather than risking the stack: parser recursion
 // (parentheses, NOT, unary minus) and the depth of the built tree (long
-// AND/OR or + chains nest left) are both bounded.
-constexpr int kMaxRecursion = 200;
-constexpr int kMaxTreeDepth = 1000;
+// AND/OR or + chains nest left) are both bounded. The printed form of a tree
+// needs at most two levels of recursion per tree level ("NOT (" …), so any
+// tree that parses prints to text that parses again.
+constexpr int kMaxTreeDepth = 256;
+constexpr int kMaxRecursion = 2 * kMaxTreeDepth + 16;
 
 enum class Tok {
   End, Ident, AtIdent, Variable, Number, String, Format,
