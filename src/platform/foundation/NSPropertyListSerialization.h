@@ -10,8 +10,10 @@
 //
 // Limits that keep hostile input harmless: at most 64 MiB of input, nesting
 // at most ZBPropertyListMaxDepth containers deep, and a binary list may not
-// expand (through shared references) to more than 2^20 values. Input beyond
-// them is reported as corrupt.
+// expand (through shared references) to more than 2^20 values. XML must not
+// contain NUL, a DOCTYPE internal subset, or '<' or an unpaired quote inside
+// comments, CDATA sections, processing instructions or tags (no usual writer
+// produces them). Input beyond these limits is reported as corrupt.
 //
 // Known narrowings: dates travel as whole seconds in XML and microseconds in
 // binary, and must lie within about 68 years of 2001 (the library keeps

@@ -44,6 +44,8 @@ public:
   // The process-wide defaults. Its file is, in order of preference: the path
   // given to setStandardUserDefaultsPath, $ZBTARROW_DEFAULTS_PATH, or
   // $XDG_CONFIG_HOME (else ~/.config)/com.orvane.zbtarrowdata/defaults.plist.
+  // It is never destroyed, so changes still pending at exit are lost unless
+  // synchronize() is called before.
   static std::shared_ptr<NSUserDefaults> standardUserDefaults();
   // Points the process-wide defaults at another file (empty: back to the
   // environment's choice). The current shared object, if any, is synchronised
