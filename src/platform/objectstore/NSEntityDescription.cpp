@@ -65,3 +65,9 @@ const NSRelationshipDescription* NSEntityDescription::relationshipNamed(std::str
   auto* property = propertyNamed(name);
   return property && property->isRelationship() ? static_cast<const NSRelationshipDescription*>(property) : nullptr;
 }
+
+void NSEntityDescription::addCompoundIndex(std::vector<std::string> attributeNames) {
+  _checkMutable();
+  if (attributeNames.empty()) throw std::logic_error("a compound index of '" + _name + "' names no attribute");
+  _compoundIndexes.push_back(std::move(attributeNames));
+}

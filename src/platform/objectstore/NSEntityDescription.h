@@ -47,6 +47,12 @@ public:
   std::shared_ptr<NSRelationshipDescription> addRelationship(std::string name, std::string destinationEntityName,
                                                              NSRelationshipOptions options = {});
 
+  // An SQL index over several attributes, in this order, for queries that
+  // test them together ("deleting == NO AND shared == YES"). Naming an
+  // unknown attribute throws std::logic_error (when the model is created).
+  void addCompoundIndex(std::vector<std::string> attributeNames);
+  const std::vector<std::vector<std::string>>& compoundIndexes() const { return _compoundIndexes; }
+
   // In the order they were added.
   const std::vector<std::shared_ptr<NSAttributeDescription>>& attributes() const { return _attributes; }
   const std::vector<std::shared_ptr<NSRelationshipDescription>>& relationships() const { return _relationships; }
@@ -71,5 +77,6 @@ private:
   std::vector<std::shared_ptr<NSAttributeDescription>> _attributes;
   std::vector<std::shared_ptr<NSRelationshipDescription>> _relationships;
   std::unordered_map<std::string, NSPropertyDescription*> _byName;
+  std::vector<std::vector<std::string>> _compoundIndexes;
   bool _frozen = false;
 };

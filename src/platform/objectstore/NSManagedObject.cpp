@@ -290,6 +290,11 @@ void NSManagedObject::_addToManyID(std::size_t relationship, const NSManagedObje
   auto& state = _relationships[relationship];
   if (!state.toMany) state.toMany = std::make_unique<ToManyState>();
   auto& toMany = *state.toMany;
+  if (_state.inserted) {
+    // Everything of a new object is an addition: members say it all.
+    if (toMany.members.insert(member).second) _noteChanged();
+    return;
+  }
   if (toMany.loaded && toMany.members.count(member)) return;
   if (!toMany.removed.erase(member)) toMany.added.insert(member);
   if (toMany.loaded) toMany.members.insert(member);
@@ -301,6 +306,10 @@ void NSManagedObject::_removeToManyID(std::size_t relationship, const NSManagedO
   auto& state = _relationships[relationship];
   if (!state.toMany) state.toMany = std::make_unique<ToManyState>();
   auto& toMany = *state.toMany;
+  if (_state.inserted) {
+    if (toMany.members.erase(member)) _noteChanged();
+    return;
+  }
   if (toMany.loaded && !toMany.members.count(member)) return;
   if (!toMany.added.erase(member)) toMany.removed.insert(member);
   if (toMany.loaded) toMany.members.erase(member);

@@ -136,6 +136,11 @@ public:
   std::int64_t _version() const { return _rowVersion; }
   void _setVersion(std::int64_t version) { _rowVersion = version; }
   const std::vector<Value>& _attributeValues() const { return _values; }
+  // Every attribute at once, for an object not yet registered anywhere.
+  void _setAttributeValues(const std::vector<Value>& values) {
+    _values = values;
+    _values.resize(_entity->attributes().size());
+  }
   const std::vector<std::pair<std::size_t, Value>>& _originalAttributes() const { return _originals; }
   std::vector<RelationshipState>& _relationshipStates() const { return _relationships; }
   bool _hasChangedProperties() const;

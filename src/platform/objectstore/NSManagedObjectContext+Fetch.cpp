@@ -52,7 +52,7 @@ bool NSManagedObjectContext::_planFetch(const NSFetchRequest& request, ZBFetchSp
 }
 
 bool NSManagedObjectContext::_pendingRows(const ZBFetchSpec& spec, const ZBExclusionChain& chain,
-                                          std::vector<ZBRowSnapshot>* rows) {
+                                          std::vector<ZBRowSnapshot>* rows, std::vector<Value>* values) {
   auto* group = _pending->forEntity(spec.entity.get());
   if (!group) return false;
   std::vector<NSManagedObject*> candidates;
@@ -69,11 +69,7 @@ bool NSManagedObjectContext::_pendingRows(const ZBFetchSpec& spec, const ZBExclu
       continue;
     }
     if (spec.propertiesMode) {
-      ZBRowSnapshot row;
-      row.objectID = object->objectID();
-      row.attributes.reserve(spec.properties.size());
-      for (auto* property : spec.properties) row.attributes.push_back(projected(*object, *property));
-      rows->push_back(std::move(row));
+      for (auto* property : spec.properties) values->push_back(projected(*object, *property));
     } else {
       rows->push_back(object->_snapshot());
     }
@@ -82,7 +78,8 @@ bool NSManagedObjectContext::_pendingRows(const ZBFetchSpec& spec, const ZBExclu
 }
 
 bool NSManagedObjectContext::_collectRows(const ZBFetchSpec& spec, ZBExclusionChain& chain,
-                                          std::vector<ZBRowSnapshot>* rows, bool* overlaid, NSErrorPtr* error) {
+                                          std::vector<ZBRowSnapshot>* rows, std::vector<Value>* values, bool* overlaid,
+                                          NSErrorPtr* error) {
   bool own = _pending->forEntity(spec.entity.get()) != nullptr && spec.requesterWithoutPending != this;
   if (own) {
     *overlaid = true;
@@ -90,7 +87,7 @@ bool NSManagedObjectContext::_collectRows(const ZBFetchSpec& spec, ZBExclusionCh
   }
   bool ok = true;
   if (_parent) {
-    _parent->performBlockAndWait([&] { ok = _parent->_collectRows(spec, chain, rows, overlaid, error); });
+    _parent->performBlockAndWait([&] { ok = _parent->_collectRows(spec, chain, rows, values, overlaid, error); });
   } else if (!_coordinator) {
     ok = ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSPersistentStoreOperationError,
                                            "The context has no persistent store coordinator."));
@@ -102,16 +99,22 @@ bool NSManagedObjectContext::_collectRows(const ZBFetchSpec& spec, ZBExclusionCh
         query.limit = static_cast<std::int64_t>(spec.limit + keys.size());
       }
       if (spec.propertiesMode) {
-        std::vector<std::pair<std::int64_t, std::vector<Value>>> found;
-        if (!store.fetchProperties(query, spec.properties, &found, error)) return false;
-        rows->reserve(rows->size() + found.size());
-        for (auto& [pk, values] : found) {
-          if (!keys.empty() && keys.count(pk)) continue;
-          ZBRowSnapshot row;
-          row.version = pk;
-          row.attributes = std::move(values);
-          rows->push_back(std::move(row));
+        std::vector<std::int64_t> found;
+        std::size_t first = values->size();
+        if (!store.fetchProperties(query, spec.properties, &found, values, error)) return false;
+        if (keys.empty()) return true;
+        // Drop the rows that a level above stands in for.
+        const std::size_t width = spec.properties.size();
+        std::size_t kept = first;
+        for (std::size_t row = 0; row < found.size(); ++row) {
+          if (keys.count(found[row])) continue;
+          std::size_t from = first + row * width;
+          if (from != kept) {
+            for (std::size_t c = 0; c < width; ++c) (*values)[kept + c] = std::move((*values)[from + c]);
+          }
+          kept += width;
         }
+        values->resize(kept);
         return true;
       }
       std::size_t first = rows->size();
@@ -126,7 +129,7 @@ bool NSManagedObjectContext::_collectRows(const ZBFetchSpec& spec, ZBExclusionCh
   }
   if (own) chain.pop_back();
   if (!ok) return false;
-  if (own) _pendingRows(spec, chain, rows);
+  if (own) _pendingRows(spec, chain, rows, values);
   return true;
 }
 
@@ -200,7 +203,7 @@ std::optional<Array> NSManagedObjectContext::_fetchObjects(const ZBFetchSpec& sp
   ZBFetchSpec objectsSpec = spec;
   objectsSpec.propertiesMode = false;
   objectsSpec.properties.clear();
-  if (!_collectRows(objectsSpec, chain, &rows, &overlaid, error)) return std::nullopt;
+  if (!_collectRows(objectsSpec, chain, &rows, nullptr, &overlaid, error)) return std::nullopt;
   Array objects;
   objects.reserve(rows.size());
   for (auto& row : rows) {
@@ -248,14 +251,18 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
       properties.push_back(property);
     }
   }
-  auto dictionaryOf = [&](const std::vector<Value>& values) {
-    std::vector<Dictionary::Entry> entries;
-    entries.reserve(properties.size());
-    for (std::size_t i = 0; i < properties.size(); ++i) {
-      if (values[i].isAbsent() || values[i].isNull()) continue;
-      entries.emplace_back(properties[i]->name(), values[i]);
+  // Entries go in key order, so each dictionary is built by appending.
+  std::vector<std::size_t> byName(properties.size());
+  for (std::size_t i = 0; i < byName.size(); ++i) byName[i] = i;
+  std::sort(byName.begin(), byName.end(), [&](auto a, auto b) { return properties[a]->name() < properties[b]->name(); });
+  auto dictionaryOf = [&](Value* row) {
+    Dictionary dictionary;
+    dictionary.reserve(properties.size());
+    for (auto i : byName) {
+      if (row[i].isAbsent() || row[i].isNull()) continue;
+      dictionary.set(properties[i]->name(), std::move(row[i]));
     }
-    return Value(Dictionary::fromEntries(std::move(entries)));
+    return Value(std::move(dictionary));
   };
 
   if (!spec.predicateInSQL || !spec.sortInSQL) {
@@ -267,7 +274,7 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
     for (auto& value : *objects) {
       auto object = value.as<NSManagedObject>();
       for (std::size_t i = 0; i < properties.size(); ++i) values[i] = projected(*object, *properties[i]);
-      result.push_back(dictionaryOf(values));
+      result.push_back(dictionaryOf(values.data()));
     }
     return result;
   }
@@ -285,23 +292,27 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
     }
     sortColumns.push_back(static_cast<std::size_t>(it - spec.properties.begin()));
   }
-  std::vector<ZBRowSnapshot> rows;
+  const std::size_t width = spec.properties.size();
+  std::vector<Value> values;
   bool overlaid = false;
   ZBExclusionChain chain;
-  if (!_collectRows(spec, chain, &rows, &overlaid, error)) return std::nullopt;
+  if (!_collectRows(spec, chain, nullptr, &values, &overlaid, error)) return std::nullopt;
+  std::size_t count = width ? values.size() / width : 0;
+  std::vector<std::size_t> order(count);
+  for (std::size_t i = 0; i < count; ++i) order[i] = i;
   if (overlaid && !spec.sortDescriptors.empty()) {
-    std::stable_sort(rows.begin(), rows.end(), [&](const ZBRowSnapshot& a, const ZBRowSnapshot& b) {
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
       for (std::size_t d = 0; d < spec.sortDescriptors.size(); ++d) {
-        int c = spec.sortDescriptors[d].compareValues(a.attributes[sortColumns[d]], b.attributes[sortColumns[d]]);
+        int c = spec.sortDescriptors[d].compareValues(values[a * width + sortColumns[d]], values[b * width + sortColumns[d]]);
         if (c != 0) return c < 0;
       }
       return false;
     });
   }
-  if (spec.limit > 0 && rows.size() > spec.limit) rows.resize(spec.limit);
+  if (spec.limit > 0 && order.size() > spec.limit) order.resize(spec.limit);
   Array result;
-  result.reserve(rows.size());
-  for (auto& row : rows) result.push_back(dictionaryOf(row.attributes));
+  result.reserve(order.size());
+  for (auto row : order) result.push_back(dictionaryOf(&values[row * width]));
   return result;
 }
 

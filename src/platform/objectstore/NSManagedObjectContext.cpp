@@ -452,13 +452,19 @@ ZBObjectChange NSManagedObjectContext::_changeFor(const NSManagedObject& object)
   auto& values = object._attributeValues();
   if (object.isInserted()) {
     change.kind = ZBObjectChange::Kind::Insert;
-    change.attributes.reserve(values.size());
-    for (std::size_t i = 0; i < values.size(); ++i) {
-      if (values[i]) change.attributes.emplace_back(i, values[i]);
-    }
+    change.insertedValues = &values;
     for (std::size_t i = 0; i < relationships.size(); ++i) {
       if (relationships[i].target) change.toOne.emplace_back(i, relationships[i].target);
+      // A new object's members are all additions.
+      auto& toMany = relationships[i].toMany;
+      if (toMany && !toMany->members.empty()) {
+        ZBToManyDelta delta;
+        delta.relationship = i;
+        delta.added.assign(toMany->members.begin(), toMany->members.end());
+        change.toMany.push_back(std::move(delta));
+      }
     }
+    return change;
   } else {
     change.kind = ZBObjectChange::Kind::Update;
     for (auto& [index, original] : object._originalAttributes()) {
@@ -610,10 +616,14 @@ bool NSManagedObjectContext::_applyChildChanges(const std::vector<ZBObjectChange
         object->_initialise(entity, change.objectID, self);
         object->_applyDefaults();
         object->_markInserted(true);
-        for (auto& value : const_cast<std::vector<Value>&>(object->_attributeValues())) value = Value();
+        if (change.insertedValues) object->_setAttributeValues(*change.insertedValues);
         _register(object);
         _pending->add(object);
         _noteForProcessing(*object);
+      } else if (change.insertedValues) {
+        for (std::size_t i = 0; i < change.insertedValues->size(); ++i) {
+          object->_setAttribute(i, (*change.insertedValues)[i]);
+        }
       }
     } else {
       object = objectWithID(change.objectID);

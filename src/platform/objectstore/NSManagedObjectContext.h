@@ -161,8 +161,10 @@ public:
   bool _rowFromObjects(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row, bool* found, NSErrorPtr* error);
   bool _relationshipFromObjects(const NSManagedObjectIDPtr& objectID, std::size_t relationship,
                                 std::vector<NSManagedObjectIDPtr>* related, NSErrorPtr* error);
+  // Whole rows, or in the spec's properties mode the values of its
+  // properties, row after row, in *values.
   bool _collectRows(const ZBFetchSpec& spec, ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,
-                    bool* overlaid, NSErrorPtr* error);
+                    std::vector<Value>* values, bool* overlaid, NSErrorPtr* error);
   std::optional<std::int64_t> _countRows(const ZBFetchSpec& spec, ZBExclusionChain& chain, NSErrorPtr* error);
   bool _applyChildChanges(const std::vector<ZBObjectChange>& changes, NSErrorPtr* error);
 
@@ -179,7 +181,8 @@ private:
   void _pruneRegistry();
   std::shared_ptr<NSEntityDescription> _entityNamed(const std::string& name, NSErrorPtr* error) const;
   bool _planFetch(const NSFetchRequest& request, ZBFetchSpec* spec, NSErrorPtr* error);
-  bool _pendingRows(const ZBFetchSpec& spec, const ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows);
+  bool _pendingRows(const ZBFetchSpec& spec, const ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,
+                    std::vector<Value>* values);
   std::optional<Array> _fetchObjects(const ZBFetchSpec& spec, NSErrorPtr* error);
 
   std::shared_ptr<ZBContextQueue> _queue;

@@ -15,6 +15,13 @@ std::shared_ptr<NSManagedObjectModel> NSManagedObjectModel::create(
     }
   }
   for (auto& entity : entities) {
+    for (auto& index : entity->compoundIndexes()) {
+      for (auto& name : index) {
+        if (!entity->attributeNamed(name)) {
+          throw std::logic_error("a compound index of '" + entity->name() + "' names unknown attribute '" + name + "'");
+        }
+      }
+    }
     for (auto& relationship : entity->relationships()) {
       auto destination = model->entityNamed(relationship->destinationEntityName());
       if (!destination) {

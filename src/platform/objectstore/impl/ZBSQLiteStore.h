@@ -89,9 +89,10 @@ public:
   bool fetchRows(const ZBStoreQuery& query, std::vector<ZBRowSnapshot>* rows, NSErrorPtr* error);
   bool fetchPrimaryKeys(const ZBStoreQuery& query, std::vector<std::int64_t>* keys, NSErrorPtr* error);
   // Values of the given properties (attributes, or to-one relationships as
-  // object IDs) for each matching row, with its primary key.
+  // object IDs) for each matching row, appended row after row to values,
+  // with each row's primary key appended to keys.
   bool fetchProperties(const ZBStoreQuery& query, const std::vector<const NSPropertyDescription*>& properties,
-                       std::vector<std::pair<std::int64_t, std::vector<Value>>>* rows, NSErrorPtr* error);
+                       std::vector<std::int64_t>* keys, std::vector<Value>* values, NSErrorPtr* error);
   std::optional<std::int64_t> count(const ZBStoreQuery& query, NSErrorPtr* error);
   // found is false when the row does not exist.
   bool rowForPrimaryKey(const NSEntityDescription* entity, std::int64_t pk, ZBRowSnapshot* row, bool* found,

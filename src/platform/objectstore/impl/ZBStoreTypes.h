@@ -32,7 +32,9 @@ struct ZBObjectChange {
   Kind kind = Kind::Update;
   NSManagedObjectIDPtr objectID;
   std::int64_t version = 0;  // the row version the change was made against (updates, deletes)
-  // Insert: every attribute; update: the changed ones.
+  // Insert: every attribute, by index, read in place from the object (which
+  // outlives the save). Update: the changed attributes.
+  const std::vector<Value>* insertedValues = nullptr;
   std::vector<std::pair<std::size_t, Value>> attributes;
   // The committed values of the changed attributes (updates), for merging.
   std::vector<std::pair<std::size_t, Value>> originalAttributes;
