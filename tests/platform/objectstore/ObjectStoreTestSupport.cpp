@@ -36,6 +36,7 @@ std::shared_ptr<NSManagedObjectModel> makeTestModel(const TestModelOptions& opti
   collection->addAttribute("title", NSAttributeType::String);
   collection->addAttribute("order", NSAttributeType::Integer64, {.defaultValue = Value(7)});
   collection->addAttribute("hidden", NSAttributeType::Boolean);
+  collection->addAttribute("predicate", NSAttributeType::Transformable);
 
   std::vector<std::shared_ptr<NSEntityDescription>> entities{post, tag, folder, collection};
   if (options.extraEntity) {

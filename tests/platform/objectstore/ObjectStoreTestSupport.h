@@ -23,7 +23,7 @@ struct TestModelOptions {
 // Post: identifier, url (required), title, date, unread, shared, deleting,
 // source, rating, payload; tags ↔ Tag.posts (many-to-many), folder ↔
 // Folder.items (to-one / to-many). Tag: title (required). Folder: name.
-// Collection: title, order, hidden.
+// Collection: title, order, hidden, predicate (archived).
 std::shared_ptr<NSManagedObjectModel> makeTestModel(const TestModelOptions& options = {});
 
 class TestStore {

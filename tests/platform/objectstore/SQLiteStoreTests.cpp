@@ -344,3 +344,43 @@ TEST(SQLiteStore, AProcessKilledInALargeSaveLeavesTheLastCommittedState) {
   EXPECT_EQ(fetchAll(*context, "Post", "identifier BEGINSWITH 'doomed-'").size(), finished ? 50000u : 0u);
   EXPECT_TRUE(WIFSIGNALED(status) || finished);
 }
+
+TEST(SQLiteStore, ArchivedValuesSurviveASaveAndDamagedOnesReadAsAbsent) {
+  TestStore stack;
+  auto context = stack.newContext();
+  auto predicate = NSPredicate::predicateWithFormat("unread == YES AND ANY tags.title ==[cd] %@", {Value("Swift")});
+  auto collection = context->insertNewObjectForEntityForName("Collection");
+  collection->setValueForKey(Value("Unread Swift"), "title");
+  collection->setValueForKey(Value(predicate), "predicate");
+  auto listed = context->insertNewObjectForEntityForName("Collection");
+  listed->setValueForKey(Value("Listed"), "title");
+  listed->setValueForKey(Value(Array{Value("a"), Value(2), Value(Dictionary{{"k", Value(true)}})}), "predicate");
+  auto unarchivable = context->insertNewObjectForEntityForName("Collection");
+  unarchivable->setValueForKey(Value(NSError::create("domain", 1)), "predicate");
+  NSErrorPtr error;
+  EXPECT_FALSE(context->save(&error)) << "an error object cannot be archived";
+  EXPECT_EQ(error->code(), NSPersistentStoreSaveError);
+  context->deleteObject(unarchivable);
+  ASSERT_TRUE(context->save(&error)) << error->description();
+
+  auto reader = NSManagedObjectContext::create(NSConfinementConcurrencyType);
+  reader->setPersistentStoreCoordinator(stack.reopen());
+  auto read = fetchAll(*reader, "Collection", "title == 'Unread Swift'");
+  ASSERT_EQ(read.size(), 1u);
+  auto stored = valueForKey(read[0], "predicate").as<NSPredicate>();
+  ASSERT_TRUE(stored);
+  EXPECT_TRUE(stored->isEqual(*predicate));
+  EXPECT_EQ(stored->predicateFormat(), predicate->predicateFormat());
+  // Archived values are compared in memory.
+  EXPECT_EQ(fetchAll(*reader, "Collection", "predicate == %@", {Value(predicate)}).size(), 1u);
+  EXPECT_EQ(valueForKey(fetchAll(*reader, "Collection", "title == 'Listed'")[0], "predicate"),
+            Value(Array{Value("a"), Value(2), Value(Dictionary{{"k", Value(true)}})}));
+
+  RawDatabase raw(stack.file);
+  ASSERT_EQ(raw.exec("UPDATE Collection SET predicate = X'62706C6973743030DEADBEEF'"), SQLITE_OK);
+  auto damaged = NSManagedObjectContext::create(NSConfinementConcurrencyType);
+  damaged->setPersistentStoreCoordinator(stack.reopen());
+  auto all = fetchAll(*damaged, "Collection");
+  ASSERT_EQ(all.size(), 2u);
+  for (auto& object : all) EXPECT_TRUE(valueForKey(object, "predicate").isAbsent());
+}

@@ -7,8 +7,11 @@
 #include <set>
 #include <sstream>
 
+#include "platform/archive/NSKeyedArchiver.h"
+#include "platform/archive/NSKeyedUnarchiver.h"
 #include "platform/foundation/NSUUID.h"
 #include "platform/objectstore/impl/ZBFetchPlanner.h"
+#include "platform/predicate/NSPredicate.h"
 
 namespace {
 
@@ -123,13 +126,21 @@ ParsedSchema parseSchema(const std::string& text) {
 
 }  // namespace
 
+// Transformable values are stored as keyed archives, so any archivable value
+// (predicates included) survives a save; an archive that no longer decodes
+// reads as absent rather than failing the whole fetch.
 std::optional<Data> ZBEncodeTransformableValue(const Value& value) {
-  // Until keyed archiving is available here, only data values are stored.
-  if (value.isData()) return value.asData();
-  return std::nullopt;
+  Data data = NSKeyedArchiver::archivedDataWithRootObject(value);
+  if (data.empty()) return std::nullopt;
+  return data;
 }
 
-Value ZBDecodeTransformableValue(const Data& data) { return Value(data); }
+Value ZBDecodeTransformableValue(const Data& data) {
+  if (data.empty()) return Value();
+  // Stored predicates decode in a process that has not built one yet.
+  ZBPredicateRegisterArchivableClasses();
+  return NSKeyedUnarchiver::unarchivedObjectOfClasses({"NSObject"}, data);
+}
 
 std::unique_ptr<ZBSQLiteStore> ZBSQLiteStore::open(const std::filesystem::path& path, const NSManagedObjectModel& model,
                                                    const std::string& configuration, const OpenOptions& options,
