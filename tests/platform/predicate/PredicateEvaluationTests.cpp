@@ -179,7 +179,7 @@ TEST(PredicateEvaluation, MembershipAndRanges) {
   EXPECT_TRUE(eval("n BETWEEN {4, 5}", post));
   EXPECT_FALSE(eval("n BETWEEN {6, 9}", post));
   EXPECT_FALSE(eval("missing BETWEEN {1, 9}", post));
-  EXPECT_TRUE(eval("n BETWEEN %@", post, {Array{1.5, 5.5}}));
+  EXPECT_TRUE(eval("n BETWEEN %@", post, {Value(Array{1.5, 5.5})}));
   EXPECT_FALSE(eval("n BETWEEN {$lo, n}", post));  // $lo unbound
   // A collection never equals a scalar without a quantifier.
   EXPECT_FALSE(eval("list == 1", post));
@@ -228,7 +228,7 @@ TEST(PredicateEvaluation, QuantifiersAndKeyPathsThroughObjectGraphs) {
   // The evaluated object compared with a constant object (the clean fetch).
   EXPECT_TRUE(eval("SELF == %@", post, {post}));
   EXPECT_FALSE(eval("SELF == %@", post, {untagged}));
-  EXPECT_TRUE(eval("SELF IN %@", post, {Array{untagged, post}}));
+  EXPECT_TRUE(eval("SELF IN %@", post, {Value(Array{untagged, post})}));
 }
 
 TEST(PredicateEvaluation, CompoundsShortCircuitAndConstantsHold) {

@@ -144,9 +144,9 @@ TEST(PredicateFormat, SubstitutesArgumentsStructurally) {
   EXPECT_EQ(printed("SELF like[c] %@*%@", {"prefix", "suffix"}), "SELF LIKE[c] \"prefix\" * \"suffix\"");
   EXPECT_EQ(printed("isMale == %@", {true}), "isMale == 1");
   EXPECT_EQ(printed("x == %@ AND y == %@", {Value(), Value::null()}), "x == nil AND y == nil");
-  EXPECT_EQ(printed("x IN %@", {Array{1, "a"}}), "x IN {1, \"a\"}");
+  EXPECT_EQ(printed("x IN %@", {Value(Array{1, "a"})}), "x IN {1, \"a\"}");
   EXPECT_EQ(printed("x IN %@", {Set{"b", "a"}}), "x IN {\"a\", \"b\"}");
-  EXPECT_EQ(printed("x BETWEEN %@", {Array{1.5, 2}}), "x BETWEEN {1.5, 2}");
+  EXPECT_EQ(printed("x BETWEEN %@", {Value(Array{1.5, 2})}), "x BETWEEN {1.5, 2}");
   EXPECT_EQ(printed("d >= %@", {NSDate(725760000.0)}), "d >= CAST(725760000.000000, \"NSDate\")");
   EXPECT_EQ(printed("d >= %@", {NSDate(0.1234567)}), "d >= CAST(0.1234567, \"NSDate\")");
   EXPECT_EQ(printed("x == %d AND y == %ld AND z == %lld AND w == %i", {7, 8.9, true, -3}),
