@@ -654,3 +654,119 @@ bool NSManagedObjectContext::_applyChildChanges(const std::vector<ZBObjectChange
   }
   return true;
 }
+
+// --- Merging another context's save ---
+
+namespace {
+
+NSManagedObjectIDPtr objectIDOf(const Value& value) {
+  if (auto object = value.as<NSManagedObject>()) return object->objectID();
+  if (auto objectID = value.as<NSManagedObjectID>()) return objectID;
+  return nullptr;
+}
+
+}  // namespace
+
+void NSManagedObjectContext::mergeChangesFromContextDidSaveNotification(const NSNotification& notification) {
+  ZBContextQueueAccess access(*_queue);
+  auto& info = notification.userInfo;
+  Set inserted, updated, deleted;
+
+  for (auto& value : info[NSUpdatedObjectsKey].collectionElements()) {
+    auto objectID = objectIDOf(value);
+    auto object = objectID ? objectRegisteredForID(objectID) : nullptr;
+    if (!object || object->isInserted()) continue;
+    if (object->isFault()) {
+      updated.insert(Value(object));
+      continue;  // it reads the new values when it fires
+    }
+    ZBRowSnapshot row;
+    bool found = false;
+    if (!_loadRow(objectID, &row, &found, nullptr) || !found) continue;
+    // Tell observers about exactly the values that change: stored values
+    // under this context's own changes stay hidden.
+    auto& entity = *object->entity();
+    std::vector<std::size_t> changing;
+    auto& values = object->_attributeValues();
+    auto& originals = object->_originalAttributes();
+    for (std::size_t i = 0; i < entity.attributes().size(); ++i) {
+      bool ownChange = std::any_of(originals.begin(), originals.end(), [&](auto& entry) { return entry.first == i; });
+      if (ownChange) continue;
+      const Value& stored = i < row.attributes.size() ? row.attributes[i] : Value();
+      if (!(values[i].type() == stored.type() && values[i].isEqual(stored))) changing.push_back(i);
+    }
+    std::vector<std::size_t> relationships;
+    for (std::size_t i = 0; i < entity.relationships().size(); ++i) {
+      auto& state = object->_relationshipStates()[i];
+      if (entity.relationships()[i]->isToMany()) {
+        if (state.toMany && state.toMany->loaded) relationships.push_back(i);
+      } else if (!state.toOneChanged && state.target != row.toOne[i]) {
+        relationships.push_back(i);
+      }
+    }
+    for (auto i : changing) object->willChangeValueForKey(entity.attributes()[i]->name());
+    for (auto i : relationships) object->willChangeValueForKey(entity.relationships()[i]->name());
+    bool pending = _pending->contains(*object);
+    if (pending) _pending->remove(*object);
+    object->_mergeRow(row);
+    if (object->hasChanges()) _pending->add(object);
+    for (auto i : relationships) object->didChangeValueForKey(entity.relationships()[i]->name());
+    for (auto i : changing) object->didChangeValueForKey(entity.attributes()[i]->name());
+    updated.insert(Value(object));
+  }
+
+  std::unordered_set<NSManagedObjectIDPtr> gone;
+  for (auto& value : info[NSDeletedObjectsKey].collectionElements()) {
+    auto objectID = objectIDOf(value);
+    auto object = objectID ? objectRegisteredForID(objectID) : nullptr;
+    if (!object) continue;
+    gone.insert(objectID);
+    _pending->remove(*object);
+    object->_markInserted(false);
+    object->_markDeleted(true);
+    _forget(*object);
+    deleted.insert(Value(object));
+  }
+  if (!gone.empty()) {
+    // The store already dropped every reference to them; registered objects
+    // forget theirs without counting that as a change of their own.
+    for (auto& [key, weak] : _registered) {
+      auto other = weak.lock();
+      if (!other || other->isFault()) continue;
+      auto& relationships = other->entity()->relationships();
+      for (std::size_t i = 0; i < relationships.size(); ++i) {
+        auto& state = other->_relationshipStates()[i];
+        bool changed = false;
+        if (state.toMany) {
+          for (auto& id : gone) {
+            changed |= state.toMany->members.erase(id) > 0;
+            changed |= state.toMany->added.erase(id) > 0;
+            state.toMany->removed.erase(id);
+          }
+        } else if (state.target && gone.count(state.target)) {
+          state.target.reset();
+          if (state.toOneChanged && !state.originalTarget) state.toOneChanged = false;
+          changed = true;
+        }
+        if (changed) {
+          other->willChangeValueForKey(relationships[i]->name());
+          other->didChangeValueForKey(relationships[i]->name());
+        }
+      }
+    }
+  }
+
+  for (auto& value : info[NSInsertedObjectsKey].collectionElements()) {
+    auto objectID = objectIDOf(value);
+    if (!objectID) continue;
+    inserted.insert(Value(objectWithID(objectID)));
+  }
+
+  if (inserted.empty() && updated.empty() && deleted.empty()) return;
+  Dictionary changes;
+  if (!inserted.empty()) changes.set(NSInsertedObjectsKey, Value(std::move(inserted)));
+  if (!updated.empty()) changes.set(NSUpdatedObjectsKey, Value(std::move(updated)));
+  if (!deleted.empty()) changes.set(NSDeletedObjectsKey, Value(std::move(deleted)));
+  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextObjectsDidChangeNotification, shared_from_this(),
+                                             std::move(changes));
+}

@@ -135,6 +135,16 @@ public:
   // mergeChanges false: drops the object's changes and turns it into a
   // fault. true: reloads its values from beneath and re-applies its changes.
   void refreshObject(const std::shared_ptr<NSManagedObject>& object, bool mergeChanges);
+  // Brings the objects of another context's save (a did-save notification,
+  // or one built by hand from object IDs or objects of this context) into
+  // this context: updated objects registered here reload their stored values
+  // and keep this context's own unsaved changes (observers hear of every
+  // value that changes), deleted ones are taken out (they read isDeleted),
+  // inserted ones become reachable. Then posts
+  // NSManagedObjectContextObjectsDidChangeNotification. Call on this
+  // context's queue.
+  void mergeChangesFromContextDidSaveNotification(const NSNotification& notification);
+
   // Applies delete rules of pending deletions and posts
   // NSManagedObjectContextObjectsDidChangeNotification for the changes since
   // the last call.

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include "ObjectStoreTestSupport.h"
+
+namespace {
+
+std::shared_ptr<NSManagedObject> postNamed(NSManagedObjectContext& context, const std::string& identifier) {
+  auto found = fetchAll(context, "Post", "identifier == %@", {Value(identifier)});
+  return found.empty() ? nullptr : found.front().as<NSManagedObject>();
+}
+
+}  // namespace
+
+TEST(ContextMerge, ASiblingsSaveReachesRegisteredObjectsAndKeepsLocalChanges) {
+  TestStore stack;
+  {
+    auto seed = stack.newContext();
+    insertPost(*seed, "p1", "old", {"t"});
+    insertPost(*seed, "p2", "doomed", {"t"});
+    insertPost(*seed, "p3", "untouched");
+    ASSERT_TRUE(seed->save());
+  }
+  auto writer = stack.newContext();
+  auto reader = stack.newContext();
+
+  auto p1 = postNamed(*reader, "p1");
+  auto p2 = postNamed(*reader, "p2");
+  auto tag = tagNamed(*reader, "t");
+  ASSERT_EQ(tag->valueForKey("posts").count(), 2u);
+  p1->setValueForKey(Value(9), "source");  // the reader's own, unsaved
+  std::vector<Value> titles;
+  auto observation = p1->addObserver("title", NSKeyValueObservingOptions::New,
+                                     [&](const std::string&, NSObject&, const NSKeyValueChange& change) {
+                                       titles.push_back(change.newValue);
+                                     });
+  std::vector<NSNotification> didChange;
+  auto changes = NSNotificationCenter::defaultCenter().addObserver(
+      NSManagedObjectContextObjectsDidChangeNotification, reader,
+      [&](const NSNotification& notification) { didChange.push_back(notification); });
+
+  NSNotification saved;
+  auto token = NSNotificationCenter::defaultCenter().addObserver(
+      NSManagedObjectContextDidSaveNotification, writer, [&](const NSNotification& n) { saved = n; });
+  postNamed(*writer, "p1")->setValueForKey(Value("new"), "title");
+  writer->deleteObject(postNamed(*writer, "p2"));
+  insertPost(*writer, "p4", "added");
+  ASSERT_TRUE(writer->save());
+
+  reader->mergeChangesFromContextDidSaveNotification(saved);
+  EXPECT_EQ(p1->valueForKey("title"), Value("new"));
+  EXPECT_EQ(titles, (std::vector<Value>{Value("new")}));
+  EXPECT_EQ(p1->valueForKey("source"), Value(9));
+  EXPECT_TRUE(p1->hasChanges());
+  EXPECT_EQ(p1->committedValuesForKeys({"title"})["title"], Value("new"));
+  EXPECT_TRUE(p2->isDeleted());
+  EXPECT_FALSE(postNamed(*reader, "p2"));
+  EXPECT_EQ(tag->valueForKey("posts").count(), 1u);
+  EXPECT_FALSE(tag->hasChanges());
+  EXPECT_TRUE(postNamed(*reader, "p4"));
+  ASSERT_EQ(didChange.size(), 1u);
+  EXPECT_TRUE(didChange[0].userInfo[NSUpdatedObjectsKey].asSet().contains(Value(p1)));
+  EXPECT_TRUE(didChange[0].userInfo[NSDeletedObjectsKey].asSet().contains(Value(p2)));
+  EXPECT_EQ(didChange[0].userInfo[NSInsertedObjectsKey].count(), 1u);
+
+  // The merged row version lets the reader save without a conflict.
+  NSErrorPtr error;
+  ASSERT_TRUE(reader->save(&error)) << error->description();
+  auto check = stack.newContext();
+  auto stored = postNamed(*check, "p1");
+  EXPECT_EQ(stored->valueForKey("title"), Value("new"));
+  EXPECT_EQ(stored->valueForKey("source"), Value(9));
+}
+
+TEST(ContextMerge, AHandBuiltNotificationOfObjectIDsMergesTheSameWay) {
+  TestStore stack;
+  {
+    auto seed = stack.newContext();
+    insertPost(*seed, "q1", "before");
+    insertPost(*seed, "q2");
+    ASSERT_TRUE(seed->save());
+  }
+  auto reader = stack.newContext();
+  auto q1 = postNamed(*reader, "q1");
+  auto q2 = postNamed(*reader, "q2");
+
+  // Another process changes the store; only the IDs travel.
+  auto other = NSManagedObjectContext::create(NSConfinementConcurrencyType);
+  other->setPersistentStoreCoordinator(stack.reopen());
+  postNamed(*other, "q1")->setValueForKey(Value("after"), "title");
+  other->deleteObject(postNamed(*other, "q2"));
+  ASSERT_TRUE(other->save());
+
+  NSNotification notification{NSManagedObjectContextDidSaveNotification, nullptr,
+                              Dictionary{{NSUpdatedObjectsKey, Value(Set{Value(q1)})},
+                                         {NSDeletedObjectsKey, Value(Array{Value(q2->objectID())})}}};
+  reader->mergeChangesFromContextDidSaveNotification(notification);
+  EXPECT_EQ(q1->valueForKey("title"), Value("after"));
+  EXPECT_FALSE(q1->hasChanges());
+  EXPECT_TRUE(q2->isDeleted());
+  EXPECT_EQ(reader->countForFetchRequest(NSFetchRequest::fetchRequestWithEntityName("Post")), 1);
+}
