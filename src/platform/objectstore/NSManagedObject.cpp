@@ -114,6 +114,17 @@ void NSManagedObject::_mergeRow(const ZBRowSnapshot& row) {
   }
 }
 
+void NSManagedObject::_yieldToRow(const ZBRowSnapshot& row) {
+  for (auto& [index, original] : _originals) {
+    const Value& stored = index < row.attributes.size() ? row.attributes[index] : Value();
+    if (!(stored.type() == original.type() && stored.isEqual(original))) _values[index] = stored;
+  }
+  for (std::size_t i = 0; i < _relationships.size(); ++i) {
+    auto& state = _relationships[i];
+    if (state.toOneChanged && i < row.toOne.size() && row.toOne[i] != state.originalTarget) state.target = row.toOne[i];
+  }
+}
+
 void NSManagedObject::_turnIntoFault() {
   if (_state.fault) return;
   willTurnIntoFault();

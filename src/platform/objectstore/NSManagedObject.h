@@ -125,6 +125,9 @@ public:
   // Takes the row as the new committed state and keeps the object's own
   // changes on top of it.
   void _mergeRow(const ZBRowSnapshot& row);
+  // Gives up this object's own changes wherever the row changed the same
+  // property since this object read it (the store wins there).
+  void _yieldToRow(const ZBRowSnapshot& row);
   // Whether the change of kind "noted since the last processPendingChanges".
   bool _noted = false;
   void _turnIntoFault();

@@ -521,10 +521,22 @@ bool NSManagedObjectContext::save(NSErrorPtr* error) {
     _parent->performBlockAndWait([&] { ok = _parent->_applyChildChanges(changes, error); });
     if (!ok) return false;
   } else {
-    std::vector<ZBSaveConflict> conflicts;
-    if (!_coordinator->_save(changes, &conflicts, error)) {
+    // A row changed underneath is resolved by the merge policy and the
+    // save tried again (a resolution can meet a newer change).
+    for (int attempt = 0;; ++attempt) {
+      std::vector<ZBSaveConflict> conflicts;
+      if (_coordinator->_save(changes, &conflicts, error)) break;
       if (conflicts.empty()) return false;
-      return ZBSetError(error, _conflictError(conflicts));
+      if (attempt == 4) return ZBSetError(error, _conflictError(conflicts));
+      if (!_resolveConflicts(conflicts, error)) return false;
+      changed.clear();
+      changes.clear();
+      for (auto& object : _pending->objects()) {
+        if (!object->hasChanges()) continue;
+        changed.push_back(object);
+        changes.push_back(_changeFor(*object));
+      }
+      if (changed.empty()) return true;
     }
   }
   _didSave(changed, changes);
@@ -683,35 +695,7 @@ void NSManagedObjectContext::mergeChangesFromContextDidSaveNotification(const NS
     ZBRowSnapshot row;
     bool found = false;
     if (!_loadRow(objectID, &row, &found, nullptr) || !found) continue;
-    // Tell observers about exactly the values that change: stored values
-    // under this context's own changes stay hidden.
-    auto& entity = *object->entity();
-    std::vector<std::size_t> changing;
-    auto& values = object->_attributeValues();
-    auto& originals = object->_originalAttributes();
-    for (std::size_t i = 0; i < entity.attributes().size(); ++i) {
-      bool ownChange = std::any_of(originals.begin(), originals.end(), [&](auto& entry) { return entry.first == i; });
-      if (ownChange) continue;
-      const Value& stored = i < row.attributes.size() ? row.attributes[i] : Value();
-      if (!(values[i].type() == stored.type() && values[i].isEqual(stored))) changing.push_back(i);
-    }
-    std::vector<std::size_t> relationships;
-    for (std::size_t i = 0; i < entity.relationships().size(); ++i) {
-      auto& state = object->_relationshipStates()[i];
-      if (entity.relationships()[i]->isToMany()) {
-        if (state.toMany && state.toMany->loaded) relationships.push_back(i);
-      } else if (!state.toOneChanged && state.target != row.toOne[i]) {
-        relationships.push_back(i);
-      }
-    }
-    for (auto i : changing) object->willChangeValueForKey(entity.attributes()[i]->name());
-    for (auto i : relationships) object->willChangeValueForKey(entity.relationships()[i]->name());
-    bool pending = _pending->contains(*object);
-    if (pending) _pending->remove(*object);
-    object->_mergeRow(row);
-    if (object->hasChanges()) _pending->add(object);
-    for (auto i : relationships) object->didChangeValueForKey(entity.relationships()[i]->name());
-    for (auto i : changing) object->didChangeValueForKey(entity.attributes()[i]->name());
+    _applyRow(*object, row, false);
     updated.insert(Value(object));
   }
 
@@ -769,4 +753,80 @@ void NSManagedObjectContext::mergeChangesFromContextDidSaveNotification(const NS
   if (!deleted.empty()) changes.set(NSDeletedObjectsKey, Value(std::move(deleted)));
   NSNotificationCenter::defaultCenter().post(NSManagedObjectContextObjectsDidChangeNotification, shared_from_this(),
                                              std::move(changes));
+}
+
+void NSManagedObjectContext::_applyRow(NSManagedObject& object, const ZBRowSnapshot& row, bool storeWins) {
+  auto& entity = *object.entity();
+  auto& values = object._attributeValues();
+  auto& originals = object._originalAttributes();
+  auto same = [](const Value& a, const Value& b) { return a.type() == b.type() && a.isEqual(b); };
+  static const Value absent;
+  std::vector<std::size_t> changing;
+  for (std::size_t i = 0; i < entity.attributes().size(); ++i) {
+    const Value& stored = i < row.attributes.size() ? row.attributes[i] : absent;
+    auto own = std::find_if(originals.begin(), originals.end(), [&](auto& entry) { return entry.first == i; });
+    const Value& after = own == originals.end() || (storeWins && !same(stored, own->second)) ? stored : values[i];
+    if (!same(values[i], after)) changing.push_back(i);
+  }
+  std::vector<std::size_t> relationships;
+  for (std::size_t i = 0; i < entity.relationships().size(); ++i) {
+    auto& state = object._relationshipStates()[i];
+    if (entity.relationships()[i]->isToMany()) {
+      if (state.toMany && state.toMany->loaded) relationships.push_back(i);
+    } else if (state.target != row.toOne[i] && (!state.toOneChanged || storeWins)) {
+      relationships.push_back(i);
+    }
+  }
+  for (auto i : changing) object.willChangeValueForKey(entity.attributes()[i]->name());
+  for (auto i : relationships) object.willChangeValueForKey(entity.relationships()[i]->name());
+  auto self = std::static_pointer_cast<NSManagedObject>(object.shared_from_this());
+  bool pending = _pending->contains(object);
+  if (pending) _pending->remove(object);  // its indexed values may change
+  if (storeWins) object._yieldToRow(row);
+  object._mergeRow(row);
+  if (pending || object.hasChanges()) _pending->add(self);
+  for (auto i : relationships) object.didChangeValueForKey(entity.relationships()[i]->name());
+  for (auto i : changing) object.didChangeValueForKey(entity.attributes()[i]->name());
+}
+
+bool NSManagedObjectContext::_resolveConflicts(const std::vector<ZBSaveConflict>& conflicts, NSErrorPtr* error) {
+  if (_mergePolicy == NSErrorMergePolicyType) return ZBSetError(error, _conflictError(conflicts));
+  for (auto& conflict : conflicts) {
+    auto object = objectRegisteredForID(conflict.objectID);
+    if (!object) continue;
+    ZBRowSnapshot row;
+    bool found = false;
+    if (conflict.storedVersion != 0 && !_loadRow(conflict.objectID, &row, &found, error)) return false;
+    if (!found) {
+      // Deleted underneath: nothing is left to update or delete.
+      _pending->remove(*object);
+      object->_markDeleted(true);
+      _forget(*object);
+      continue;
+    }
+    if (object->isDeleted()) {
+      if (_mergePolicy == NSRollbackMergePolicyType) {
+        // The stored state wins over the deletion too.
+        _pending->remove(*object);
+        object->_markDeleted(false);
+        object->_clearChanges();
+        object->_fill(row);
+      } else {
+        object->_setVersion(row.version);
+      }
+      continue;
+    }
+    switch (_mergePolicy) {
+      case NSMergeByPropertyStoreTrumpMergePolicyType: _applyRow(*object, row, true); break;
+      case NSMergeByPropertyObjectTrumpMergePolicyType:
+      case NSOverwriteMergePolicyType: _applyRow(*object, row, false); break;
+      case NSRollbackMergePolicyType:
+        _pending->remove(*object);
+        object->_clearChanges();
+        _applyRow(*object, row, true);
+        break;
+      case NSErrorMergePolicyType: break;
+    }
+  }
+  return true;
 }

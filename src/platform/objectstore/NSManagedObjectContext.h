@@ -189,6 +189,13 @@ private:
   NSErrorPtr _conflictError(const std::vector<ZBSaveConflict>& conflicts);
   void _didSave(const std::vector<std::shared_ptr<NSManagedObject>>& changed, const std::vector<ZBObjectChange>& changes);
   void _pruneRegistry();
+  // Takes row as object's committed state, keeping its own changes (all of
+  // them, or only where the row did not change the same property), and tells
+  // observers of every value that changes.
+  void _applyRow(NSManagedObject& object, const ZBRowSnapshot& row, bool storeWins);
+  // Resolves rows changed underneath a save by the merge policy. False and
+  // *error when the policy cannot (the error policy never can).
+  bool _resolveConflicts(const std::vector<ZBSaveConflict>& conflicts, NSErrorPtr* error);
   std::shared_ptr<NSEntityDescription> _entityNamed(const std::string& name, NSErrorPtr* error) const;
   bool _planFetch(const NSFetchRequest& request, ZBFetchSpec* spec, NSErrorPtr* error);
   bool _pendingRows(const ZBFetchSpec& spec, const ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,

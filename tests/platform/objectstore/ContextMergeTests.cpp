@@ -99,3 +99,62 @@ TEST(ContextMerge, AHandBuiltNotificationOfObjectIDsMergesTheSameWay) {
   EXPECT_TRUE(q2->isDeleted());
   EXPECT_EQ(reader->countForFetchRequest(NSFetchRequest::fetchRequestWithEntityName("Post")), 1);
 }
+
+// A conflict made by a sibling context or by a second process on the same
+// file, resolved property by property.
+TEST(ContextMerge, MergePoliciesResolveRealConflictsPropertyByProperty) {
+  for (bool secondProcess : {false, true}) {
+    for (auto policy : {NSMergeByPropertyStoreTrumpMergePolicyType, NSMergeByPropertyObjectTrumpMergePolicyType}) {
+      SCOPED_TRACE(std::string(secondProcess ? "second process, " : "sibling, ") +
+                   (policy == NSMergeByPropertyStoreTrumpMergePolicyType ? "store trump" : "object trump"));
+      TestStore stack;
+      {
+        auto seed = stack.newContext();
+        auto post = insertPost(*seed, "x", "t0", {"a"});
+        post->setValueForKey(Value(1), "source");
+        post->setValueForKey(Value(1.0), "rating");
+        insertPost(*seed, "gone", "t0");
+        ASSERT_TRUE(seed->save());
+      }
+      auto mine = stack.newContext();
+      mine->setMergePolicy(policy);
+      auto theirs = NSManagedObjectContext::create(NSConfinementConcurrencyType);
+      theirs->setPersistentStoreCoordinator(secondProcess ? stack.reopen() : stack.coordinator);
+
+      auto ours = postNamed(*mine, "x");
+      auto doomed = postNamed(*mine, "gone");
+      ASSERT_TRUE(ours && doomed);
+      auto other = postNamed(*theirs, "x");
+      other->setValueForKey(Value("theirs"), "title");
+      other->setValueForKey(Value(2), "source");
+      other->setValueForKey(Value(Set{Value(tagNamed(*theirs, "b"))}), "tags");
+      theirs->deleteObject(postNamed(*theirs, "gone"));
+      ASSERT_TRUE(theirs->save());
+
+      std::vector<Value> heard;
+      auto observation = ours->addObserver("title", NSKeyValueObservingOptions::New,
+                                           [&](const std::string&, NSObject&, const NSKeyValueChange& change) {
+                                             heard.push_back(change.newValue);
+                                           });
+      ours->setValueForKey(Value("mine"), "title");  // both sides changed it
+      ours->setValueForKey(Value(5.0), "rating");    // only this side
+      doomed->setValueForKey(Value("edited"), "title");
+      NSErrorPtr error;
+      ASSERT_TRUE(mine->save(&error)) << error->description();
+
+      auto check = stack.newContext();
+      auto stored = postNamed(*check, "x");
+      bool storeWins = policy == NSMergeByPropertyStoreTrumpMergePolicyType;
+      EXPECT_EQ(stored->valueForKey("title"), Value(storeWins ? "theirs" : "mine"));
+      EXPECT_EQ(stored->valueForKey("source"), Value(2)) << "changed on their side only";
+      EXPECT_EQ(stored->valueForKey("rating"), Value(5.0)) << "changed on this side only";
+      std::vector<std::string> tags;
+      for (auto& tag : stored->valueForKey("tags").collectionElements()) tags.push_back(valueForKey(tag, "title").asString());
+      EXPECT_EQ(tags, (std::vector<std::string>{"b"}));
+      EXPECT_FALSE(postNamed(*check, "gone")) << "a row deleted underneath stays deleted";
+      EXPECT_EQ(ours->valueForKey("title"), stored->valueForKey("title"));
+      EXPECT_EQ(heard.back(), stored->valueForKey("title")) << "observers saw the resolved value";
+      EXPECT_FALSE(mine->hasChanges());
+    }
+  }
+}
