@@ -7,6 +7,7 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <csignal>
@@ -218,8 +219,16 @@ void Simulator::_handle(const httplib::Request& req, httplib::Response& res) {
                                if (offset == 0 && body->size() > 1) sink.write(body->data(), body->size() / 2);
                                return false;
                              });
+  } else if (quirks().gzip || reply.body.empty()) {
+    res.set_content(std::move(reply.body), contentType);  // httplib compresses as the client allows
   } else {
-    res.set_content(std::move(reply.body), contentType);
+    // Through a provider, httplib sends the bytes as they are, whatever the
+    // client accepts: compressing tens of megabytes would dominate every
+    // measurement made against the simulator.
+    auto body = std::make_shared<std::string>(std::move(reply.body));
+    res.set_content_provider(body->size(), contentType, [body](size_t offset, size_t length, httplib::DataSink& sink) {
+      return sink.write(body->data() + offset, std::min(length, body->size() - offset));
+    });
   }
   _log(std::move(record));
 }

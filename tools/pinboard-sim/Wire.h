@@ -27,6 +27,7 @@ struct Quirks {
   bool feedDatesWithOffset = false;      // feed "dt" ends in "+00:00" instead of "Z"
   bool keepTimeOnReplace = true;    // posts/add replacing without dt keeps the old time
   bool includeOthers = false;       // posts carry "others" when known
+  bool gzip = false;                // compress text/plain answers when the client accepts it
 };
 
 // Appends text as a JSON string literal, quotes included. Invalid UTF-8 bytes

@@ -37,6 +37,7 @@ bool setQuirk(Quirks& q, const std::string& spec, std::string& error) {
       {"feed-dates-with-offset", &Quirks::feedDatesWithOffset},
       {"keep-time-on-replace", &Quirks::keepTimeOnReplace},
       {"include-others", &Quirks::includeOthers},
+      {"gzip", &Quirks::gzip},
   };
   for (const auto& [n, member] : table) {
     if (name == n) {
@@ -79,7 +80,7 @@ int main(int argc, char** argv) {
   app.add_option("--quirk", quirkSpecs,
                  "NAME=on|off: string-counts, empty-map-as-array, trailing-whitespace, escape-slashes, "
                  "escape-non-ascii, bom, text-plain, untagged-feed-empty-tag, feed-dates-with-offset, "
-                 "keep-time-on-replace, include-others (repeatable)");
+                 "keep-time-on-replace, include-others, gzip (repeatable)");
   CLI11_PARSE(app, argc, argv);
 
   for (const auto& spec : quirkSpecs) {

@@ -211,6 +211,7 @@ TEST_F(PinboardClientTest, EveryWireQuirkReadsTheSame) {
     q.feedDatesWithOffset = mask & 32;
     q.textPlain = mask & 1;
     q.untaggedFeedItemEmptyTag = mask & 2;
+    q.gzip = mask & 4;
     sim.setQuirks(q);
     EXPECT_EQ(run(client->retrieveAllPostsWithTags(Value())), posts) << mask;
     EXPECT_EQ(run(client->retrieveFeedWithUsername("alice", Value(), 10)), feed) << mask;

@@ -394,6 +394,20 @@ TEST_F(SimulatorTest, WireQuirksCanBeSwitched) {
   // Both forms decode to the same data.
   EXPECT_EQ(json::parse(other.substr(3)), json::parse(def));
 
+  // Compression only when switched on, and only as the client allows.
+  httplib::Client gzipClient("127.0.0.1", sim.port());
+  httplib::Headers acceptGzip{{"Accept-Encoding", "gzip"}};
+  std::string path = "/v1/posts/all?format=json&auth_token=" + token;
+  EXPECT_EQ(gzipClient.Get(path, acceptGzip)->get_header_value("Content-Encoding"), "");
+  q.gzip = true;
+  q.textPlain = true;
+  sim.setQuirks(q);
+  gzipClient.set_decompress(false);
+  auto compressed = gzipClient.Get(path, acceptGzip);
+  EXPECT_EQ(compressed->get_header_value("Content-Encoding"), "gzip");
+  EXPECT_NE(compressed->body, other);
+  EXPECT_EQ(gzipClient.Get(path)->get_header_value("Content-Encoding"), "");
+
   // Invalid UTF-8 sent by a client is stored, and answered as valid JSON.
   ASSERT_EQ(add("https://bad.org/", {{"description", std::string("bad \xff\xfe bytes")}}), "done");
   EXPECT_FALSE(json::parse(body().substr(3), nullptr, false).is_discarded());
