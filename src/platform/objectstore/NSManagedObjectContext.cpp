@@ -7,6 +7,7 @@
 #include "platform/objectstore/impl/ZBObjectIDRegistry.h"
 #include "platform/objectstore/impl/ZBPendingChanges.h"
 #include "platform/objectstore/impl/ZBSQLiteStore.h"
+#include "platform/operations/NSRunLoop.h"
 #include "platform/predicate/NSComparisonPredicate.h"
 #include "platform/predicate/NSCompoundPredicate.h"
 
@@ -29,13 +30,21 @@ NSErrorPtr contextError(std::int64_t code, const std::string& description) {
 }  // namespace
 
 std::shared_ptr<NSManagedObjectContext> NSManagedObjectContext::create(NSManagedObjectContextConcurrencyType type) {
-  return std::make_shared<NSManagedObjectContext>(type);
+  auto context = std::make_shared<NSManagedObjectContext>(type);
+  if (type == NSMainQueueConcurrencyType) {
+    std::weak_ptr<NSManagedObjectContext> weak = context;
+    context->_turnObserver = NSRunLoop::mainRunLoop()->addTurnObserver([weak] {
+      if (auto strong = weak.lock()) strong->processPendingChanges();
+    });
+  }
+  return context;
 }
 
 NSManagedObjectContext::NSManagedObjectContext(NSManagedObjectContextConcurrencyType type)
     : _queue(ZBContextQueue::create(type)), _pending(std::make_unique<ZBPendingChanges>()) {}
 
 NSManagedObjectContext::~NSManagedObjectContext() {
+  if (_turnObserver) NSRunLoop::mainRunLoop()->removeTurnObserver(_turnObserver);
   // Objects that outlive the context must not reach back into it.
   for (auto& [id, weak] : _registered) {
     if (auto object = weak.lock()) object->_detach();

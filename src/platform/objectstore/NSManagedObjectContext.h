@@ -18,7 +18,9 @@
 // makes the IDs of inserted objects permanent and posts
 // NSManagedObjectContextDidSaveNotification (object: the context; user info:
 // NSInsertedObjectsKey, NSUpdatedObjectsKey, NSDeletedObjectsKey, each a Set
-// of objects).
+// of objects). NSManagedObjectContextObjectsDidChangeNotification follows
+// processPendingChanges, saves and merges, and for a main-queue context the
+// end of every main run-loop turn in which it changed objects.
 //
 // Ownership: held by shared_ptr (create). It keeps objects with unsaved
 // changes alive; other registered objects live as long as someone holds them.
@@ -215,6 +217,7 @@ private:
   std::vector<std::shared_ptr<NSManagedObject>> _unprocessed;        // changed since processPendingChanges
   std::vector<std::shared_ptr<NSManagedObject>> _deletesToPropagate;  // deleted, delete rules not yet applied
   bool _saving = false;
+  std::uint64_t _turnObserver = 0;  // main queue: processes changes at the end of each run-loop turn
 };
 
 using NSManagedObjectContextPtr = std::shared_ptr<NSManagedObjectContext>;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "ObjectStoreTestSupport.h"
+#include "support/RunLoopTestHelper.h"
 
 namespace {
 
@@ -157,4 +158,55 @@ TEST(ContextMerge, MergePoliciesResolveRealConflictsPropertyByProperty) {
       EXPECT_FALSE(mine->hasChanges());
     }
   }
+}
+
+// The interface's context: a main-queue context beside a private root on
+// one coordinator, each merging the other's saves.
+TEST(ContextMerge, MainQueueContextMergesTheRootsSavesAndReportsChangesPerTurn) {
+  TestStore stack;
+  auto main = NSManagedObjectContext::create(NSMainQueueConcurrencyType);
+  main->performBlockAndWait([&] { main->setPersistentStoreCoordinator(stack.coordinator); });
+  auto root = stack.newContext(NSPrivateQueueConcurrencyType);
+  auto forward = NSNotificationCenter::defaultCenter().addObserver(
+      NSManagedObjectContextDidSaveNotification, root, [&](const NSNotification& notification) {
+        main->performBlock([main, notification] { main->mergeChangesFromContextDidSaveNotification(notification); });
+      });
+  std::vector<NSNotification> changes;
+  auto observed = NSNotificationCenter::defaultCenter().addObserver(
+      NSManagedObjectContextObjectsDidChangeNotification, main,
+      [&](const NSNotification& notification) { changes.push_back(notification); });
+
+  // A change made in a main-queue block is reported when the turn ends.
+  std::shared_ptr<NSManagedObject> local;
+  main->performBlock([&] { local = insertPost(*main, "local", "on main"); });
+  ASSERT_TRUE(RunMainLoopUntil([&] { return !changes.empty(); }));
+  EXPECT_TRUE(changes[0].userInfo[NSInsertedObjectsKey].asSet().contains(Value(local)));
+  changes.clear();
+
+  // The root's save arrives through the merge; observers on the main
+  // thread see the new value.
+  std::shared_ptr<NSManagedObject> shown;
+  root->performBlockAndWait([&] {
+    insertPost(*root, "shared", "first");
+    ASSERT_TRUE(root->save());
+  });
+  ASSERT_TRUE(RunMainLoopUntil([&] {
+    auto found = fetchAll(*main, "Post", "identifier == 'shared'");
+    if (!found.empty()) shown = found[0].as<NSManagedObject>();
+    return shown != nullptr;
+  }));
+  std::vector<Value> titles;
+  auto observation = shown->addObserver("title", NSKeyValueObservingOptions::New,
+                                        [&](const std::string&, NSObject&, const NSKeyValueChange& change) {
+                                          EXPECT_TRUE(NSRunLoop::isMainThread());
+                                          titles.push_back(change.newValue);
+                                        });
+  root->performBlockAndWait([&] {
+    fetchAll(*root, "Post", "identifier == 'shared'")[0].as<NSManagedObject>()->setValueForKey(Value("second"), "title");
+    ASSERT_TRUE(root->save());
+  });
+  ASSERT_TRUE(RunMainLoopUntil([&] { return !titles.empty(); }));
+  EXPECT_EQ(titles, (std::vector<Value>{Value("second")}));
+  EXPECT_EQ(shown->valueForKey("title"), Value("second"));
+  main->performBlockAndWait([&] { EXPECT_TRUE(main->hasChanges()) << "its own insert is still unsaved"; });
 }
