@@ -344,11 +344,7 @@ void NSManagedObjectContext::processPendingChanges() {
 
 bool NSManagedObjectContext::hasChanges() const {
   ZBContextQueueAccess access(*_queue);
-  if (!_deletesToPropagate.empty()) return true;
-  for (auto& object : _pending->objects()) {
-    if (object->hasChanges()) return true;
-  }
-  return false;
+  return !_deletesToPropagate.empty() || _pending->anyChanged();
 }
 
 std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::insertedObjects() const {

@@ -62,6 +62,13 @@ bool ZBPendingChanges::containsID(const NSManagedObjectID* objectID) const {
   return group != _byEntity.end() && group->second.ids.count(objectID) != 0;
 }
 
+bool ZBPendingChanges::anyChanged() const {
+  for (auto& [raw, entry] : _objects) {
+    if (raw->hasChanges()) return true;
+  }
+  return false;
+}
+
 const ZBPendingChanges::EntityChanges* ZBPendingChanges::forEntity(const NSEntityDescription* entity) const {
   auto it = _byEntity.find(entity);
   return it == _byEntity.end() || it->second.objects.empty() ? nullptr : &it->second;

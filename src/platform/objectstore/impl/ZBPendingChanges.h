@@ -37,6 +37,9 @@ public:
 
   // In the order they were added.
   std::vector<std::shared_ptr<NSManagedObject>> objects() const;
+  // Whether any pending object still has changes (one may have been changed
+  // back to its saved state).
+  bool anyChanged() const;
   const EntityChanges* forEntity(const NSEntityDescription* entity) const;
   // Pending objects of the entity whose attribute equals value.
   std::vector<NSManagedObject*> lookup(const NSEntityDescription* entity, std::size_t attribute, const Value& value);
