@@ -120,7 +120,7 @@ TEST(ZBTarrowDataStoreCoordinator, SetupCreatesBothStoresAndTheBuiltInItemsOnce)
         EXPECT_EQ(collection->title(), expected.title);
         EXPECT_EQ(collection->order(), expected.order);
         EXPECT_FALSE(collection->editable());
-        EXPECT_FALSE(collection->valueForKey(ZBTarrowCollectionHiddenKey)) << expected.identifier;
+        EXPECT_FALSE(collection->valueForKey(ZBTarrowCollectionHiddenKey).boolValue()) << expected.identifier;
         if (expected.predicate) {
           ASSERT_TRUE(collection->predicate()) << expected.identifier;
           EXPECT_TRUE(collection->predicate()->isEqual(*NSPredicate::predicateWithFormat(expected.predicate)))
