@@ -614,7 +614,17 @@ bool NSManagedObject::validateForDelete(NSErrorPtr* error) {
   auto& relationships = _entity->relationships();
   for (std::size_t i = 0; i < relationships.size(); ++i) {
     if (relationships[i]->deleteRule() != NSDeleteRule::Deny) continue;
-    bool hasDestination = relationships[i]->isToMany() ? !_toManyIDs(i).empty() : _relationships[i].target != nullptr;
+    // Destinations deleted in the same save do not hold the object back.
+    auto alive = [&](const NSManagedObjectIDPtr& id) {
+      auto object = _objectForID(id);
+      return object && !object->isDeleted();
+    };
+    bool hasDestination = false;
+    if (relationships[i]->isToMany()) {
+      for (auto& id : _toManyIDs(i)) hasDestination = hasDestination || alive(id);
+    } else {
+      hasDestination = _relationships[i].target && alive(_relationships[i].target);
+    }
     if (hasDestination) {
       errors.push_back(validationError(NSValidationRelationshipDeniedDeleteError, self, relationships[i]->name(),
                                        "“" + relationships[i]->name() + "” still refers to objects."));

@@ -491,3 +491,44 @@ TEST(NSManagedObjectContext, StaleRowsFailTheSaveWithAConflictAndWriteNothing) {
   EXPECT_EQ(error->code(), NSManagedObjectMergeError);
   EXPECT_EQ(check->countForFetchRequest(NSFetchRequest::fetchRequestWithEntityName("Post")), 1);
 }
+
+TEST(NSManagedObjectContext, CascadeAndDenyDeleteRules) {
+  auto parent = NSEntityDescription::create("Parent");
+  parent->addRelationship("children", "Child",
+                          {.toMany = true, .inverseName = "parent", .deleteRule = NSDeleteRule::Cascade});
+  parent->addRelationship("keys", "Child", {.toMany = true, .inverseName = "lock", .deleteRule = NSDeleteRule::Deny});
+  auto child = NSEntityDescription::create("Child");
+  child->addAttribute("name", NSAttributeType::String);
+  child->addRelationship("parent", "Parent", {.inverseName = "children"});
+  child->addRelationship("lock", "Parent", {.inverseName = "keys"});
+  TestStore stack(NSManagedObjectModel::create({parent, child}));
+  auto context = stack.newContext();
+  auto family = context->insertNewObjectForEntityForName("Parent");
+  for (auto* name : {"a", "b"}) {
+    auto kid = context->insertNewObjectForEntityForName("Child");
+    kid->setValueForKey(Value(name), "name");
+    kid->setValueForKey(Value(family), "parent");
+  }
+  auto lock = context->insertNewObjectForEntityForName("Parent");
+  auto key = context->insertNewObjectForEntityForName("Child");
+  key->setValueForKey(Value("key"), "name");
+  lock->addObjectToRelationship(key, "keys");
+  EXPECT_EQ(key->valueForKey("lock").as<NSManagedObject>(), lock);
+  ASSERT_TRUE(context->save());
+
+  context->deleteObject(family);
+  context->deleteObject(lock);
+  NSErrorPtr error;
+  EXPECT_FALSE(context->save(&error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSValidationRelationshipDeniedDeleteError);
+  EXPECT_EQ(error->userInfo()[NSValidationKeyErrorKey], Value("keys"));
+  EXPECT_EQ(stringsOf(fetchAll(*context, "Child"), "name"), (std::vector<std::string>{"key"}))
+      << "the cascade already took the children out of this context's view";
+
+  context->deleteObject(key);
+  ASSERT_TRUE(context->save(&error)) << error->description();
+  auto check = stack.newContext();
+  EXPECT_TRUE(fetchAll(*check, "Child").empty());
+  EXPECT_TRUE(fetchAll(*check, "Parent").empty());
+}
