@@ -12,9 +12,12 @@
 // context's queue (inside a perform block for the queue types); debug builds
 // assert it.
 //
-// Fetches and counts see the context's unsaved changes: objects inserted
-// here are found, deleted ones are not, changed ones match on their changed
-// values. A save validates every changed object, writes one transaction,
+// Fetches and counts see the unsaved changes of the context and of its
+// ancestors: objects inserted there are found, deleted ones are not, changed
+// ones match on their changed values. Only objects of the fetched entity are
+// re-evaluated: a key path through a relationship ("ANY tags.title") is
+// matched against stored values for related objects that changed but were
+// not saved. Counts run as SQL COUNT unless the predicate has no SQL form. A save validates every changed object, writes one transaction,
 // makes the IDs of inserted objects permanent and posts
 // NSManagedObjectContextDidSaveNotification (object: the context; user info:
 // NSInsertedObjectsKey, NSUpdatedObjectsKey, NSDeletedObjectsKey, each a Set
