@@ -307,7 +307,9 @@ Simulator::Reply Simulator::_postsAll(const httplib::Request& req, Account& a) {
     auto& cached = _fullListCache[a.username];
     if (!cached.second || cached.first != a.version)
       cached = {a.version, std::make_shared<const std::string>(frame(postsArray(a.sorted(), _options.quirks), _options.quirks, "\t"))};
-    return {200, *cached.second, {}};
+    Reply reply;
+    reply.shared = cached.second;
+    return reply;
   }
   std::vector<const Bookmark*> posts;
   std::size_t skipped = 0;

@@ -198,6 +198,11 @@ void Simulator::_handle(const httplib::Request& req, httplib::Response& res) {
     }
   }
 
+  // Only an untouched answer may go out straight from the cache.
+  if (reply.shared && (fault || quirks().gzip)) {
+    reply.body = *reply.shared;
+    reply.shared.reset();
+  }
   if (fault) {
     switch (fault->body) {
       case Fault::Body::Garbage: reply.body = garbageBody(); break;
@@ -219,6 +224,11 @@ void Simulator::_handle(const httplib::Request& req, httplib::Response& res) {
                                if (offset == 0 && body->size() > 1) sink.write(body->data(), body->size() / 2);
                                return false;
                              });
+  } else if (reply.shared) {
+    auto body = reply.shared;
+    res.set_content_provider(body->size(), contentType, [body](size_t offset, size_t length, httplib::DataSink& sink) {
+      return sink.write(body->data() + offset, std::min(length, body->size() - offset));
+    });
   } else if (quirks().gzip || reply.body.empty()) {
     res.set_content(std::move(reply.body), contentType);  // httplib compresses as the client allows
   } else {

@@ -139,6 +139,7 @@ private:
     int status = 200;
     std::string body;
     std::string contentType;  // empty: the quirk's JSON type
+    std::shared_ptr<const std::string> shared;  // a cached body, used instead of body
   };
   class Server;
 

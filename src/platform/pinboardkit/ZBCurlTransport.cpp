@@ -35,11 +35,18 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* cont
   auto* x = static_cast<Exchange*>(context);
   std::size_t n = size * count;
   std::string line(data, n);
-  static const char name[] = "retry-after:";
-  if (line.size() > sizeof name - 1 && strncasecmp(line.c_str(), name, sizeof name - 1) == 0) {
+  static const char retryAfter[] = "retry-after:";
+  static const char contentLength[] = "content-length:";
+  if (line.size() > sizeof retryAfter - 1 && strncasecmp(line.c_str(), retryAfter, sizeof retryAfter - 1) == 0) {
     char* end = nullptr;
-    double seconds = std::strtod(line.c_str() + sizeof name - 1, &end);
-    if (end != line.c_str() + sizeof name - 1 && seconds >= 0) x->response->retryAfter = seconds;
+    double seconds = std::strtod(line.c_str() + sizeof retryAfter - 1, &end);
+    if (end != line.c_str() + sizeof retryAfter - 1 && seconds >= 0) x->response->retryAfter = seconds;
+  } else if (line.size() > sizeof contentLength - 1 &&
+             strncasecmp(line.c_str(), contentLength, sizeof contentLength - 1) == 0) {
+    // Room for the whole body at once (and simdjson's padding after it),
+    // instead of copying tens of megabytes as the string grows.
+    unsigned long long length = std::strtoull(line.c_str() + sizeof contentLength - 1, nullptr, 10);
+    if (length > 0 && length <= x->maximum) x->response->body.reserve(static_cast<std::size_t>(length) + 64);
   }
   return n;
 }

@@ -75,6 +75,9 @@ std::optional<std::int64_t> count(element e) {
 }
 
 Value tagArray(std::string_view text) {
+  // Untagged posts share one empty list instead of allocating their own.
+  static const Value none{Array()};
+  if (text.empty()) return none;
   Array tags;
   std::size_t i = 0;
   while (i < text.size()) {
