@@ -183,6 +183,15 @@ TEST(NSManagedObjectContext, FetchesAndCountsSeeUnsavedInsertsUpdatesAndDeletes)
   EXPECT_EQ(objectIDs->size(), 7u);
   EXPECT_EQ(objectIDs->front().as<NSManagedObjectID>(), fresh->objectID());
 
+  // Without pending changes: the stored rows only (as this context's
+  // objects, so in their current state).
+  request = NSFetchRequest::fetchRequestWithEntityName("Post");
+  request->setIncludesPendingChanges(false);
+  EXPECT_EQ(work->countForFetchRequest(request), 6);
+  auto storedOnly = work->executeFetchRequest(request);
+  ASSERT_TRUE(storedOnly);
+  EXPECT_EQ(stringsOf(*storedOnly, "identifier"), (std::vector<std::string>{"p0", "p1", "p2", "p4", "p5", "renamed"}));
+
   // Nothing of it reached the store before the save.
   EXPECT_EQ(stack.newContext()->countForFetchRequest(NSFetchRequest::fetchRequestWithEntityName("Post")), 6);
   ASSERT_TRUE(work->save());
