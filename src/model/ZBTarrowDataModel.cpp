@@ -24,15 +24,20 @@ std::shared_ptr<NSEntityDescription> postEntity() {
   entity->addAttribute(ZBTarrowPinboardPostURLKey, Type::String, {.optional = false, .indexed = true});
   entity->addAttribute(ZBTarrowPinboardPostTitleKey, Type::String);
   entity->addAttribute(ZBTarrowPinboardPostDescKey, Type::String);
-  // Relative-date collections count by date.
+  // Flags are indexed only where the value asked for is rare among a user's
+  // bookmarks (starred, dead, dirty). Without table statistics SQLite
+  // prefers any equality index over a range, so an index on "deleting",
+  // which every collection count tests for its common value NO, would turn
+  // the date range of a relative-date count into a walk over nearly every
+  // row; unread and shared match too many rows for an index to beat a scan.
   entity->addAttribute(ZBTarrowPinboardPostDateKey, Type::Date, indexed());
-  entity->addAttribute(ZBTarrowPinboardPostUnreadKey, Type::Boolean, indexed());
-  entity->addAttribute(ZBTarrowPinboardPostSharedKey, Type::Boolean, indexed());
+  entity->addAttribute(ZBTarrowPinboardPostUnreadKey, Type::Boolean);
+  entity->addAttribute(ZBTarrowPinboardPostSharedKey, Type::Boolean);
   entity->addAttribute(ZBTarrowPinboardPostStarredKey, Type::Boolean, indexed());
   entity->addAttribute(ZBTarrowPinboardPostDeadKey, Type::Boolean, indexed());
   entity->addAttribute(ZBTarrowPinboardPostSourceKey, Type::Integer64, {.optional = true, .defaultValue = Value(0)});
   entity->addAttribute(ZBTarrowPinboardPostOthersKey, Type::Integer64);
-  entity->addAttribute(ZBTarrowPinboardObjectDeletingKey, Type::Boolean, indexed());
+  entity->addAttribute(ZBTarrowPinboardObjectDeletingKey, Type::Boolean);
   entity->addAttribute(ZBTarrowPinboardObjectDirtyKey, Type::Boolean, indexed());
   entity->addRelationship(ZBTarrowPinboardPostTagsKey, ZBTarrowPinboardTagEntityName,
                           {.toMany = true, .inverseName = ZBTarrowPinboardTagPostsKey});
@@ -44,7 +49,7 @@ std::shared_ptr<NSEntityDescription> tagEntity() {
   entity->setManagedObjectClass<ZBTarrowPinboardTag>("ZBTarrowPinboardTag");
   entity->addAttribute(ZBTarrowPinboardTagTitleKey, Type::String, indexed());
   entity->addAttribute(ZBTarrowPinboardTagPreviousTitleKey, Type::String);
-  entity->addAttribute(ZBTarrowPinboardObjectDeletingKey, Type::Boolean, indexed());
+  entity->addAttribute(ZBTarrowPinboardObjectDeletingKey, Type::Boolean);
   entity->addAttribute(ZBTarrowPinboardObjectDirtyKey, Type::Boolean, indexed());
   entity->addRelationship(ZBTarrowPinboardTagPostsKey, ZBTarrowPinboardPostEntityName,
                           {.toMany = true, .inverseName = ZBTarrowPinboardPostTagsKey});

@@ -132,6 +132,21 @@ TEST(Collection, LiveCountFollowsInsertsDeletesDeletingFlagsAndPredicateChanges)
   EXPECT_EQ(unread->postCount(), 2u);
   EXPECT_EQ(all->postCount(), 4u);
 
+  // An edit of a stored post moves it in or out.
+  post(3)->setUnread(true);
+  context->processPendingChanges();
+  EXPECT_EQ(unread->postCount(), 3u);
+  NSErrorPtr error;
+  ASSERT_TRUE(context->save(&error)) << error->description();
+  EXPECT_EQ(unread->postCount(), 3u);  // 2, 3, 4
+  post(5)->setUnread(true);
+  post(3)->setUnread(false);
+  ASSERT_TRUE(context->save(&error)) << error->description();
+  EXPECT_EQ(unread->postCount(), 3u);  // 2, 4, 5
+  post(5)->setUnread(false);
+  context->processPendingChanges();
+  EXPECT_EQ(unread->postCount(), 2u);
+
   // A change that matters to neither announces nothing.
   const auto before = unreadCounts.counts.size();
   post(3)->setTitle("retitled");
@@ -189,9 +204,13 @@ TEST(Collection, CountsInSQLAndStopsObservingAsAFault) {
   ModelStore store;
   {
     auto seed = store.newContext();
-    for (int i = 0; i < 20; ++i) insertPost(*seed, "https://example.org/" + std::to_string(i))->setDeleting(i >= 5);
-    auto all = insertCollection(*seed, "");
-    all->updateWithDictionaryRepresentation({{ZBTarrowCollectionIdentifierKey, Value("ALL")}});
+    for (int i = 0; i < 20; ++i) {
+      auto post = insertPost(*seed, "https://example.org/" + std::to_string(i));
+      post->setStarred(i < 8);
+      post->setDeleting(i >= 5 && i < 10);
+    }
+    auto starred = insertCollection(*seed, "%K == YES", {Value(ZBTarrowPinboardPostStarredKey)});
+    starred->updateWithDictionaryRepresentation({{ZBTarrowCollectionIdentifierKey, Value("STARRED")}});
     NSErrorPtr error;
     ASSERT_TRUE(seed->save(&error)) << error->description();
   }
@@ -207,14 +226,14 @@ TEST(Collection, CountsInSQLAndStopsObservingAsAFault) {
   CountRecorder counts(*collection);
   context->refreshObject(collection, false);
   ASSERT_TRUE(collection->isFault());
-  insertPost(*context, "https://example.org/late");
+  insertPost(*context, "https://example.org/late")->setStarred(true);
   context->processPendingChanges();
   EXPECT_TRUE(counts.counts.empty());
   EXPECT_TRUE(collection->isFault());
   // Waking up counts anew and observes again.
-  EXPECT_EQ(collection->identifier(), "ALL");
+  EXPECT_EQ(collection->identifier(), "STARRED");
   EXPECT_EQ(collection->postCount(), 6u);
-  insertPost(*context, "https://example.org/later");
+  insertPost(*context, "https://example.org/later")->setStarred(true);
   context->processPendingChanges();
   EXPECT_EQ(collection->postCount(), 7u);
 }
@@ -268,8 +287,7 @@ TEST(Collection, DictionaryRoundTripArchivesThePredicateAndNeverClearsIt) {
   EXPECT_TRUE(copy->predicate()->isEqual(*parse("dead == YES")));
 }
 
-// Needs the store to keep archivable values in transformable attributes.
-TEST(Collection, DISABLED_PredicateSurvivesTheStore) {
+TEST(Collection, PredicateSurvivesTheStore) {
   ModelStore store;
   auto context = store.newContext();
   auto collection = insertCollection(*context, "relative_date < $7__days OR (unread == YES AND tags.@count == 0)");
@@ -285,4 +303,24 @@ TEST(Collection, DISABLED_PredicateSurvivesTheStore) {
   auto restored = found[0].as<ZBTarrowCollection>();
   ASSERT_TRUE(restored->predicate());
   EXPECT_TRUE(restored->predicate()->isEqual(*collection->predicate()));
+}
+
+// An edit undone before the context processes its changes is still a change
+// since the last notification: the post left the collection and came back.
+// Needs the context to report objects changed since its last notification
+// even when they are back at their saved values.
+TEST(Collection, DISABLED_CountFollowsAnEditThatRestoresTheSavedValue) {
+  ModelStore store;
+  auto context = store.newContext();
+  auto post = insertPost(*context, "https://example.org/");
+  NSErrorPtr error;
+  ASSERT_TRUE(context->save(&error)) << error->description();
+  auto unread = insertCollection(*context, "%K == YES", {Value(ZBTarrowPinboardPostUnreadKey)});
+  EXPECT_EQ(unread->postCount(), 0u);
+  post->setUnread(true);
+  context->processPendingChanges();
+  EXPECT_EQ(unread->postCount(), 1u);
+  post->setUnread(false);
+  context->processPendingChanges();
+  EXPECT_EQ(unread->postCount(), 0u);
 }
