@@ -27,6 +27,12 @@ public:
     new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<std::size_t>(threads)); };
     set_keep_alive_timeout(1);
     set_read_timeout(5);
+    // Only SO_REUSEADDR: httplib's default adds SO_REUSEPORT, which lets a
+    // second simulator bind a busy port and silently share its requests.
+    set_socket_options([](socket_t sock) {
+      int yes = 1;
+      setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
   }
 };
 
@@ -104,9 +110,19 @@ bool Simulator::start(std::string* error) {
     return false;
   }
   _port = port;
-  _thread = std::thread([this] { _server->listen_after_bind(); });
+  auto ended = std::make_shared<std::atomic<bool>>(false);
+  _thread = std::thread([this, ended] {
+    _server->listen_after_bind();
+    *ended = true;
+  });
   // Serve before returning, so a request made right away finds a listener.
-  while (!_server->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  while (!_server->is_running() && !*ended) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (*ended) {
+    if (error) *error = "the server stopped at once on " + _options.host + ":" + std::to_string(port);
+    _thread.join();
+    _server.reset();
+    return false;
+  }
   return true;
 }
 

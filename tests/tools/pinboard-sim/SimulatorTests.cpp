@@ -537,6 +537,20 @@ TEST_F(SimulatorTest, ConcurrentClientsLoseNoWrite) {
   EXPECT_EQ(sim.tagCounts("alice").size(), std::size_t(kThreads));
 }
 
+TEST(SimulatorServer, RefusesABusyPortAndStopsTwice) {
+  Simulator first;
+  ASSERT_TRUE(first.start());
+  SimulatorOptions options;
+  options.port = first.port();
+  Simulator second(options);
+  std::string error;
+  EXPECT_FALSE(second.start(&error));
+  EXPECT_NE(error.find(std::to_string(first.port())), std::string::npos) << error;
+  first.stop();
+  first.stop();
+  EXPECT_TRUE(second.start(&error)) << "the port is free again: " << error;
+}
+
 TEST(SimulatorGenerator, IsDeterministicAndRealistic) {
   auto a = generateBookmarks("alice", 3000);
   auto b = generateBookmarks("alice", 3000);
