@@ -31,15 +31,6 @@ void createDirectory(const std::filesystem::path& path) {
 
 NSURL directoryURL(const std::filesystem::path& path) { return NSURL::fileURLWithPath(path.string(), true); }
 
-// Merges a save into context, on context's queue. The object store's merge
-// of saved changes is used when the platform provides it.
-template <class Context>
-void mergeSave(Context& context, const NSNotification& notification) {
-  if constexpr (requires { context.mergeChangesFromContextDidSaveNotification(notification); }) {
-    context.mergeChangesFromContextDidSaveNotification(notification);
-  }
-}
-
 }  // namespace
 
 std::optional<std::string> ZBTarrowDataDefaultSecurityApplicationGroupIdentifier() {
@@ -108,7 +99,7 @@ void ZBTarrowDataStoreCoordinator::managedObjectContextDidSave(const NSNotificat
   // Never wait here: the saving context's queue must not block on the other's.
   std::weak_ptr<NSManagedObjectContext> weakTarget = target;
   target->performBlock([weakTarget, notification] {
-    if (auto context = weakTarget.lock()) mergeSave(*context, notification);
+    if (auto context = weakTarget.lock()) context->mergeChangesFromContextDidSaveNotification(notification);
   });
 }
 

@@ -24,16 +24,6 @@ namespace {
 
 std::string text(const Value& value) { return value.isString() ? value.asString() : "-"; }
 
-template <class Context>
-bool merge(Context& context, const NSNotification& notification) {
-  if constexpr (requires { context.mergeChangesFromContextDidSaveNotification(notification); }) {
-    context.mergeChangesFromContextDidSaveNotification(notification);
-    return true;
-  } else {
-    return false;
-  }
-}
-
 std::optional<Array> fetchPosts(const NSManagedObjectContextPtr& context) {
   return context->executeFetchRequest(NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName));
 }
@@ -78,7 +68,8 @@ int main() {
                   << text(object->valueForKey(ZBTarrowPinboardPostTitleKey)) << '\n';
       }
     }
-    if (merge(*context, notification)) std::cout << "merged\n";
+    context->mergeChangesFromContextDidSaveNotification(notification);
+    std::cout << "merged\n";
     for (const auto& object : held) {
       bool gone = object->isDeleted() || object->managedObjectContext() != context;
       std::cout << "held " << text(object->valueForKey(ZBTarrowPinboardPostURLKey)) << ' '
