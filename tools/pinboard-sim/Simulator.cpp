@@ -478,8 +478,9 @@ bool Simulator::loadSeed(const json& seed, std::string* error) {
         _account(s.username)->updateTime = jsonTime(acc["updateTime"]);
       }
     }
-    for (const auto& [url, tags] : seed.value("popularTags", json::object()).items())
-      setPopularTags(url, tags.get<std::vector<std::string>>());
+    // A named copy: items() of a temporary would outlive the temporary.
+    const json popular = seed.value("popularTags", json::object());
+    for (const auto& [url, tags] : popular.items()) setPopularTags(url, tags.get<std::vector<std::string>>());
     return true;
   } catch (const std::exception& e) {
     if (error) *error = std::string("bad seed: ") + e.what();
