@@ -601,6 +601,7 @@ TEST_F(SimulatorTest, StateRoundTripsThroughSeedFiles) {
   ASSERT_TRUE(sim.setStarred("alice", sim.bookmarks("alice")[3].url, true));
   ASSERT_TRUE(sim.addNote("alice", "n", "text", 1, 2));
   sim.setNetwork("alice", {"bob"});
+  sim.setPopularTags("https://x.org/", {"a", "b"});
   TemporaryDirectory dir;
   std::string path = (dir / "state.json").string();
   ASSERT_TRUE(sim.saveState(path));
