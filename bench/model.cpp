@@ -53,14 +53,14 @@ std::string tagTitle(int i) { return "tag" + std::to_string(i); }
 
 // The user's collections, in the predicate language and as plain SQL over
 // the store's readable schema (the date column holds seconds since 2001).
-struct CollectionSpec {
+struct CollectionDefinition {
   const char* format;
   const char* sql;  // ? is bound to the relative date where there is one
   int relativeDays;
 };
 
-const std::vector<CollectionSpec>& collectionSpecs() {
-  static const std::vector<CollectionSpec> specs = {
+const std::vector<CollectionDefinition>& collectionDefinitions() {
+  static const std::vector<CollectionDefinition> definitions = {
       // Built in.
       {"", "SELECT COUNT(*) FROM PinboardPost WHERE deleting = 0", 0},
       {"shared == NO", "SELECT COUNT(*) FROM PinboardPost WHERE deleting = 0 AND shared = 0", 0},
@@ -87,7 +87,7 @@ const std::vector<CollectionSpec>& collectionSpecs() {
       {"shared == NO AND starred == YES",
        "SELECT COUNT(*) FROM PinboardPost WHERE deleting = 0 AND shared = 0 AND starred = 1", 0},
   };
-  return specs;
+  return definitions;
 }
 
 struct Fixture {
@@ -119,9 +119,9 @@ struct Fixture {
     seed();
     context = NSManagedObjectContext::create(NSConfinementConcurrencyType);
     context->setPersistentStoreCoordinator(coordinator);
-    for (auto& spec : collectionSpecs()) {
+    for (auto& definition : collectionDefinitions()) {
       auto collection = context->insertNewObject<ZBTarrowCollection>(ZBTarrowCollectionEntityName);
-      if (*spec.format) collection->setPredicate(NSPredicate::predicateWithFormat(spec.format));
+      if (*definition.format) collection->setPredicate(NSPredicate::predicateWithFormat(definition.format));
       collections.push_back(collection);
     }
     auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
@@ -197,9 +197,9 @@ struct RawCounts {
   std::vector<sqlite3_stmt*> statements;
   explicit RawCounts(const std::filesystem::path& file) {
     if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) std::abort();
-    for (auto& spec : collectionSpecs()) {
+    for (auto& definition : collectionDefinitions()) {
       sqlite3_stmt* statement = nullptr;
-      if (sqlite3_prepare_v2(db, spec.sql, -1, &statement, nullptr) != SQLITE_OK) {
+      if (sqlite3_prepare_v2(db, definition.sql, -1, &statement, nullptr) != SQLITE_OK) {
         std::fprintf(stderr, "baseline: %s\n", sqlite3_errmsg(db));
         std::abort();
       }
@@ -212,7 +212,7 @@ struct RawCounts {
   }
   std::int64_t count(std::size_t i) {
     auto* statement = statements[i];
-    const int days = collectionSpecs()[i].relativeDays;
+    const int days = collectionDefinitions()[i].relativeDays;
     if (days) sqlite3_bind_double(statement, 1, kNow.timeIntervalSinceReferenceDate() - days * 86400.0);
     sqlite3_step(statement);
     std::int64_t n = sqlite3_column_int64(statement, 0);
@@ -227,7 +227,7 @@ void BM_RecountAllCollectionsAfterOneMergedSave(benchmark::State& state) {
   // The one-month collection counts in 30-day steps in the baseline and in
   // calendar months here; everything else must agree exactly.
   for (std::size_t i = 0; i < f.collections.size(); ++i) {
-    if (collectionSpecs()[i].relativeDays == 30) continue;
+    if (collectionDefinitions()[i].relativeDays == 30) continue;
     if (static_cast<std::int64_t>(f.collections[i]->postCount()) != raw.count(i)) {
       state.SkipWithError(("collection " + std::to_string(i) + " disagrees with SQL").c_str());
       return;
@@ -241,7 +241,7 @@ void BM_RecountAllCollectionsAfterOneMergedSave(benchmark::State& state) {
       const double sql = secondsSince(start);
       start = Clock::now();
       f.collections[i]->refreshPostCount();
-      std::fprintf(stderr, "%-48s ours %7.2f ms  SQL %7.2f ms\n", collectionSpecs()[i].format,
+      std::fprintf(stderr, "%-48s ours %7.2f ms  SQL %7.2f ms\n", collectionDefinitions()[i].format,
                    secondsSince(start) * 1000, sql * 1000);
     }
   }

@@ -32,16 +32,16 @@ bool Fault::matches(std::string_view requestPath) const {
   return requestPath == path;
 }
 
-std::optional<Fault> Fault::parse(std::string_view spec, std::string* error) {
+std::optional<Fault> Fault::parse(std::string_view text, std::string* error) {
   // Feed paths hold colons ("/json/u:alice/"), the items never do.
-  std::size_t colon = spec.rfind(':');
-  if (colon == std::string_view::npos || spec.substr(colon).find('/') != std::string_view::npos) {
+  std::size_t colon = text.rfind(':');
+  if (colon == std::string_view::npos || text.substr(colon).find('/') != std::string_view::npos) {
     fail(error, "fault needs PATH:ITEMS, e.g. /v1/posts/all:status=500");
     return std::nullopt;
   }
   Fault f;
-  f.path = std::string(spec.substr(0, colon));
-  std::string_view items = spec.substr(colon + 1);
+  f.path = std::string(text.substr(0, colon));
+  std::string_view items = text.substr(colon + 1);
   bool any = false;
   while (!items.empty()) {
     std::size_t comma = items.find(',');

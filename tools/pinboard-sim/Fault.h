@@ -33,7 +33,7 @@ struct Fault {
   // truncate, empty, drop, cut, times=N, after=N; for example
   // "/v1/posts/all:status=429,times=3" or "/json/*:delay=2". Returns nullopt
   // and a message for anything else.
-  static std::optional<Fault> parse(std::string_view spec, std::string* error = nullptr);
+  static std::optional<Fault> parse(std::string_view text, std::string* error = nullptr);
 };
 
 // Minimum spacing, in seconds, between two calls of one user; 0 turns a

@@ -16,12 +16,12 @@ using namespace pinboard_sim;
 
 namespace {
 
-bool setQuirk(Quirks& q, const std::string& spec, std::string& error) {
-  std::size_t eq = spec.find('=');
-  std::string name = spec.substr(0, eq);
-  std::string value = eq == std::string::npos ? "on" : spec.substr(eq + 1);
+bool setQuirk(Quirks& q, const std::string& setting, std::string& error) {
+  std::size_t eq = setting.find('=');
+  std::string name = setting.substr(0, eq);
+  std::string value = eq == std::string::npos ? "on" : setting.substr(eq + 1);
   if (value != "on" && value != "off") {
-    error = "quirk value must be on or off: " + spec;
+    error = "quirk value must be on or off: " + setting;
     return false;
   }
   bool on = value == "on";
@@ -83,9 +83,9 @@ int main(int argc, char** argv) {
                  "keep-time-on-replace, include-others, gzip (repeatable)");
   CLI11_PARSE(app, argc, argv);
 
-  for (const auto& spec : quirkSpecs) {
+  for (const auto& setting : quirkSpecs) {
     std::string error;
-    if (!setQuirk(options.quirks, spec, error)) {
+    if (!setQuirk(options.quirks, setting, error)) {
       std::cerr << "pinboard-sim: " << error << "\n";
       return 2;
     }
@@ -97,8 +97,8 @@ int main(int argc, char** argv) {
 
   Simulator sim(options);
   std::string error;
-  for (const auto& spec : faults) {
-    std::optional<Fault> f = Fault::parse(spec, &error);
+  for (const auto& setting : faults) {
+    std::optional<Fault> f = Fault::parse(setting, &error);
     if (!f) {
       std::cerr << "pinboard-sim: " << error << "\n";
       return 2;
@@ -113,18 +113,18 @@ int main(int argc, char** argv) {
     std::cerr << "pinboard-sim: " << error << "\n";
     return 2;
   }
-  for (const auto& spec : users) {
-    std::size_t c1 = spec.find(':');
+  for (const auto& setting : users) {
+    std::size_t c1 = setting.find(':');
     AccountSeed seed;
-    seed.username = spec.substr(0, c1);
+    seed.username = setting.substr(0, c1);
     if (seed.username.empty()) {
-      std::cerr << "pinboard-sim: bad --seed-user " << spec << "\n";
+      std::cerr << "pinboard-sim: bad --seed-user " << setting << "\n";
       return 2;
     }
     if (c1 != std::string::npos) {
-      std::size_t c2 = spec.find(':', c1 + 1);
-      seed.token = spec.substr(c1 + 1, c2 == std::string::npos ? std::string::npos : c2 - c1 - 1);
-      if (c2 != std::string::npos) seed.password = spec.substr(c2 + 1);
+      std::size_t c2 = setting.find(':', c1 + 1);
+      seed.token = setting.substr(c1 + 1, c2 == std::string::npos ? std::string::npos : c2 - c1 - 1);
+      if (c2 != std::string::npos) seed.password = setting.substr(c2 + 1);
     }
     // An account restored from the state file keeps its bookmarks.
     bool fresh = sim.token(seed.username).empty();
@@ -151,8 +151,8 @@ int main(int argc, char** argv) {
   std::cout << sim.baseURL() << "\n"
             << "api: " << sim.apiURL() << "\n"
             << "feeds: " << sim.feedsURL() << "\n";
-  for (const auto& spec : users) {
-    std::string name = spec.substr(0, spec.find(':'));
+  for (const auto& setting : users) {
+    std::string name = setting.substr(0, setting.find(':'));
     std::cout << "user " << name << ": " << sim.bookmarkCount(name) << " bookmarks\n";
   }
   std::cout.flush();

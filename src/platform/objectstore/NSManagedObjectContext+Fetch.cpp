@@ -41,35 +41,35 @@ Value projected(const NSManagedObject& object, const NSPropertyDescription& prop
 
 }  // namespace
 
-bool NSManagedObjectContext::_planFetch(const NSFetchRequest& request, ZBFetchSpec* spec, NSErrorPtr* error) {
+bool NSManagedObjectContext::_planFetch(const NSFetchRequest& request, ZBFetchPlan* plan, NSErrorPtr* error) {
   auto entity = _entityNamed(request.entityName(), error);
   if (!entity) return false;
   auto coordinator = persistentStoreCoordinator();
   return coordinator->_withStore(entity.get(), error, [&](ZBSQLiteStore& store) {
-    ZBPlanFetch(request, entity, store, spec);
+    ZBPlanFetch(request, entity, store, plan);
     return true;
   });
 }
 
-bool NSManagedObjectContext::_pendingRows(const ZBFetchSpec& spec, const ZBExclusionChain& chain,
+bool NSManagedObjectContext::_pendingRows(const ZBFetchPlan& plan, const ZBExclusionChain& chain,
                                           std::vector<ZBRowSnapshot>* rows, std::vector<Value>* values) {
-  auto* group = _pending->forEntity(spec.entity.get());
+  auto* group = _pending->forEntity(plan.entity.get());
   if (!group) return false;
   std::vector<NSManagedObject*> candidates;
-  if (spec.equality) {
-    candidates = _pending->lookup(spec.entity.get(), spec.equality->first, spec.equality->second);
+  if (plan.equality) {
+    candidates = _pending->lookup(plan.entity.get(), plan.equality->first, plan.equality->second);
   } else {
     candidates.assign(group->objects.begin(), group->objects.end());
   }
   for (auto* object : candidates) {
     if (object->isDeleted() || excludedByChain(chain, object->objectID().get())) continue;
     object->_fireFault();
-    if (spec.predicate &&
-        !spec.predicate->evaluateWithObject(Value(std::static_pointer_cast<NSManagedObject>(object->shared_from_this())))) {
+    if (plan.predicate &&
+        !plan.predicate->evaluateWithObject(Value(std::static_pointer_cast<NSManagedObject>(object->shared_from_this())))) {
       continue;
     }
-    if (spec.propertiesMode) {
-      for (auto* property : spec.properties) values->push_back(projected(*object, *property));
+    if (plan.propertiesMode) {
+      for (auto* property : plan.properties) values->push_back(projected(*object, *property));
     } else {
       rows->push_back(object->_snapshot());
     }
@@ -77,34 +77,34 @@ bool NSManagedObjectContext::_pendingRows(const ZBFetchSpec& spec, const ZBExclu
   return true;
 }
 
-bool NSManagedObjectContext::_collectRows(const ZBFetchSpec& spec, ZBExclusionChain& chain,
+bool NSManagedObjectContext::_collectRows(const ZBFetchPlan& plan, ZBExclusionChain& chain,
                                           std::vector<ZBRowSnapshot>* rows, std::vector<Value>* values, bool* overlaid,
                                           NSErrorPtr* error) {
-  bool own = _pending->forEntity(spec.entity.get()) != nullptr && spec.requesterWithoutPending != this;
+  bool own = _pending->forEntity(plan.entity.get()) != nullptr && plan.requesterWithoutPending != this;
   if (own) {
     *overlaid = true;
     chain.push_back(_pending.get());
   }
   bool ok = true;
   if (_parent) {
-    _parent->performBlockAndWait([&] { ok = _parent->_collectRows(spec, chain, rows, values, overlaid, error); });
+    _parent->performBlockAndWait([&] { ok = _parent->_collectRows(plan, chain, rows, values, overlaid, error); });
   } else if (!_coordinator) {
     ok = ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSPersistentStoreOperationError,
                                            "The context has no persistent store coordinator."));
   } else {
-    ok = _coordinator->_withStore(spec.entity.get(), error, [&](ZBSQLiteStore& store) {
-      auto keys = storedKeysOf(chain, spec.entity.get());
-      ZBStoreQuery query = spec.query;
-      if (spec.predicateInSQL && spec.sortInSQL && spec.limit > 0) {
-        query.limit = static_cast<std::int64_t>(spec.limit + keys.size());
+    ok = _coordinator->_withStore(plan.entity.get(), error, [&](ZBSQLiteStore& store) {
+      auto keys = storedKeysOf(chain, plan.entity.get());
+      ZBStoreQuery query = plan.query;
+      if (plan.predicateInSQL && plan.sortInSQL && plan.limit > 0) {
+        query.limit = static_cast<std::int64_t>(plan.limit + keys.size());
       }
-      if (spec.propertiesMode) {
+      if (plan.propertiesMode) {
         std::vector<std::int64_t> found;
         std::size_t first = values->size();
-        if (!store.fetchProperties(query, spec.properties, &found, values, error)) return false;
+        if (!store.fetchProperties(query, plan.properties, &found, values, error)) return false;
         if (keys.empty()) return true;
         // Drop the rows that a level above stands in for.
-        const std::size_t width = spec.properties.size();
+        const std::size_t width = plan.properties.size();
         std::size_t kept = first;
         for (std::size_t row = 0; row < found.size(); ++row) {
           if (keys.count(found[row])) continue;
@@ -129,27 +129,27 @@ bool NSManagedObjectContext::_collectRows(const ZBFetchSpec& spec, ZBExclusionCh
   }
   if (own) chain.pop_back();
   if (!ok) return false;
-  if (own) _pendingRows(spec, chain, rows, values);
+  if (own) _pendingRows(plan, chain, rows, values);
   return true;
 }
 
-std::optional<std::int64_t> NSManagedObjectContext::_countRows(const ZBFetchSpec& spec, ZBExclusionChain& chain,
+std::optional<std::int64_t> NSManagedObjectContext::_countRows(const ZBFetchPlan& plan, ZBExclusionChain& chain,
                                                                NSErrorPtr* error) {
-  auto* group = spec.requesterWithoutPending == this ? nullptr : _pending->forEntity(spec.entity.get());
+  auto* group = plan.requesterWithoutPending == this ? nullptr : _pending->forEntity(plan.entity.get());
   if (group) chain.push_back(_pending.get());
   std::optional<std::int64_t> below;
   if (_parent) {
-    _parent->performBlockAndWait([&] { below = _parent->_countRows(spec, chain, error); });
+    _parent->performBlockAndWait([&] { below = _parent->_countRows(plan, chain, error); });
   } else if (!_coordinator) {
     ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSPersistentStoreOperationError,
                                       "The context has no persistent store coordinator."));
   } else {
-    _coordinator->_withStore(spec.entity.get(), error, [&](ZBSQLiteStore& store) {
-      ZBStoreQuery query = spec.query;
+    _coordinator->_withStore(plan.entity.get(), error, [&](ZBSQLiteStore& store) {
+      ZBStoreQuery query = plan.query;
       query.limit = 0;
       auto total = store.count(query, error);
       if (!total) return false;
-      auto keys = storedKeysOf(chain, spec.entity.get());
+      auto keys = storedKeysOf(chain, plan.entity.get());
       if (keys.empty()) {
         below = total;
         return true;
@@ -179,8 +179,8 @@ std::optional<std::int64_t> NSManagedObjectContext::_countRows(const ZBFetchSpec
   if (group) chain.pop_back();
   if (!below || !group) return below;
   std::vector<NSManagedObject*> candidates;
-  if (spec.equality) {
-    candidates = _pending->lookup(spec.entity.get(), spec.equality->first, spec.equality->second);
+  if (plan.equality) {
+    candidates = _pending->lookup(plan.entity.get(), plan.equality->first, plan.equality->second);
   } else {
     candidates.assign(group->objects.begin(), group->objects.end());
   }
@@ -188,31 +188,31 @@ std::optional<std::int64_t> NSManagedObjectContext::_countRows(const ZBFetchSpec
   for (auto* object : candidates) {
     if (object->isDeleted() || excludedByChain(chain, object->objectID().get())) continue;
     object->_fireFault();
-    if (!spec.predicate ||
-        spec.predicate->evaluateWithObject(Value(std::static_pointer_cast<NSManagedObject>(object->shared_from_this())))) {
+    if (!plan.predicate ||
+        plan.predicate->evaluateWithObject(Value(std::static_pointer_cast<NSManagedObject>(object->shared_from_this())))) {
       ++mine;
     }
   }
   return *below + mine;
 }
 
-std::optional<Array> NSManagedObjectContext::_fetchObjects(const ZBFetchSpec& spec, NSErrorPtr* error) {
+std::optional<Array> NSManagedObjectContext::_fetchObjects(const ZBFetchPlan& plan, NSErrorPtr* error) {
   std::vector<ZBRowSnapshot> rows;
   bool overlaid = false;
   ZBExclusionChain chain;
-  ZBFetchSpec objectsSpec = spec;
-  objectsSpec.propertiesMode = false;
-  objectsSpec.properties.clear();
-  if (!_collectRows(objectsSpec, chain, &rows, nullptr, &overlaid, error)) return std::nullopt;
+  ZBFetchPlan objectsPlan = plan;
+  objectsPlan.propertiesMode = false;
+  objectsPlan.properties.clear();
+  if (!_collectRows(objectsPlan, chain, &rows, nullptr, &overlaid, error)) return std::nullopt;
   Array objects;
   objects.reserve(rows.size());
   for (auto& row : rows) {
     auto object = _materialize(row);
-    if (!spec.predicateInSQL && spec.predicate && !spec.predicate->evaluateWithObject(Value(object))) continue;
+    if (!plan.predicateInSQL && plan.predicate && !plan.predicate->evaluateWithObject(Value(object))) continue;
     objects.push_back(Value(std::move(object)));
   }
-  if ((overlaid || !spec.sortInSQL) && !spec.sortDescriptors.empty()) ZBSortValues(objects, spec.sortDescriptors);
-  if (spec.limit > 0 && objects.size() > spec.limit) objects.resize(spec.limit);
+  if ((overlaid || !plan.sortInSQL) && !plan.sortDescriptors.empty()) ZBSortValues(objects, plan.sortDescriptors);
+  if (plan.limit > 0 && objects.size() > plan.limit) objects.resize(plan.limit);
   return objects;
 }
 
@@ -223,12 +223,12 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
     if (count == NSNotFound) return std::nullopt;
     return Array{Value(count)};
   }
-  ZBFetchSpec spec;
-  if (!_planFetch(request, &spec, error)) return std::nullopt;
-  if (!request.includesPendingChanges()) spec.requesterWithoutPending = this;
+  ZBFetchPlan plan;
+  if (!_planFetch(request, &plan, error)) return std::nullopt;
+  if (!request.includesPendingChanges()) plan.requesterWithoutPending = this;
 
   if (request.resultType() != NSDictionaryResultType) {
-    auto objects = _fetchObjects(spec, error);
+    auto objects = _fetchObjects(plan, error);
     if (!objects || request.resultType() == NSManagedObjectResultType) return objects;
     Array ids;
     ids.reserve(objects->size());
@@ -239,13 +239,13 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
   // Dictionaries: the requested properties (every attribute when none).
   std::vector<const NSPropertyDescription*> properties;
   if (request.propertiesToFetch().empty()) {
-    for (auto& attribute : spec.entity->attributes()) properties.push_back(attribute.get());
+    for (auto& attribute : plan.entity->attributes()) properties.push_back(attribute.get());
   } else {
     for (auto& name : request.propertiesToFetch()) {
-      auto* property = spec.entity->propertyNamed(name);
+      auto* property = plan.entity->propertyNamed(name);
       if (!property || (property->isRelationship() && static_cast<const NSRelationshipDescription*>(property)->isToMany())) {
         ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSCoreDataError,
-                                          "“" + name + "” cannot be fetched as a property of " + spec.entity->name() + "."));
+                                          "“" + name + "” cannot be fetched as a property of " + plan.entity->name() + "."));
         return std::nullopt;
       }
       properties.push_back(property);
@@ -265,8 +265,8 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
     return Value(std::move(dictionary));
   };
 
-  if (!spec.predicateInSQL || !spec.sortInSQL) {
-    auto objects = _fetchObjects(spec, error);
+  if (!plan.predicateInSQL || !plan.sortInSQL) {
+    auto objects = _fetchObjects(plan, error);
     if (!objects) return std::nullopt;
     Array result;
     result.reserve(objects->size());
@@ -280,36 +280,36 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
   }
 
   // Sort keys ride along so that rows overlaid from memory can be re-sorted.
-  spec.propertiesMode = true;
-  spec.properties = properties;
+  plan.propertiesMode = true;
+  plan.properties = properties;
   std::vector<std::size_t> sortColumns;
-  for (auto& descriptor : spec.sortDescriptors) {
-    auto* property = spec.entity->propertyNamed(descriptor.key());
-    auto it = std::find(spec.properties.begin(), spec.properties.end(), property);
-    if (it == spec.properties.end()) {
-      spec.properties.push_back(property);
-      it = spec.properties.end() - 1;
+  for (auto& descriptor : plan.sortDescriptors) {
+    auto* property = plan.entity->propertyNamed(descriptor.key());
+    auto it = std::find(plan.properties.begin(), plan.properties.end(), property);
+    if (it == plan.properties.end()) {
+      plan.properties.push_back(property);
+      it = plan.properties.end() - 1;
     }
-    sortColumns.push_back(static_cast<std::size_t>(it - spec.properties.begin()));
+    sortColumns.push_back(static_cast<std::size_t>(it - plan.properties.begin()));
   }
-  const std::size_t width = spec.properties.size();
+  const std::size_t width = plan.properties.size();
   std::vector<Value> values;
   bool overlaid = false;
   ZBExclusionChain chain;
-  if (!_collectRows(spec, chain, nullptr, &values, &overlaid, error)) return std::nullopt;
+  if (!_collectRows(plan, chain, nullptr, &values, &overlaid, error)) return std::nullopt;
   std::size_t count = width ? values.size() / width : 0;
   std::vector<std::size_t> order(count);
   for (std::size_t i = 0; i < count; ++i) order[i] = i;
-  if (overlaid && !spec.sortDescriptors.empty()) {
+  if (overlaid && !plan.sortDescriptors.empty()) {
     std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-      for (std::size_t d = 0; d < spec.sortDescriptors.size(); ++d) {
-        int c = spec.sortDescriptors[d].compareValues(values[a * width + sortColumns[d]], values[b * width + sortColumns[d]]);
+      for (std::size_t d = 0; d < plan.sortDescriptors.size(); ++d) {
+        int c = plan.sortDescriptors[d].compareValues(values[a * width + sortColumns[d]], values[b * width + sortColumns[d]]);
         if (c != 0) return c < 0;
       }
       return false;
     });
   }
-  if (spec.limit > 0 && order.size() > spec.limit) order.resize(spec.limit);
+  if (plan.limit > 0 && order.size() > plan.limit) order.resize(plan.limit);
   Array result;
   result.reserve(order.size());
   for (auto row : order) result.push_back(dictionaryOf(&values[row * width]));
@@ -318,19 +318,19 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
 
 std::int64_t NSManagedObjectContext::countForFetchRequest(const NSFetchRequest& request, NSErrorPtr* error) {
   ZBContextQueueAccess access(*_queue);
-  ZBFetchSpec spec;
-  if (!_planFetch(request, &spec, error)) return NSNotFound;
-  if (!request.includesPendingChanges()) spec.requesterWithoutPending = this;
+  ZBFetchPlan plan;
+  if (!_planFetch(request, &plan, error)) return NSNotFound;
+  if (!request.includesPendingChanges()) plan.requesterWithoutPending = this;
   std::int64_t count;
-  if (!spec.predicateInSQL) {
-    spec.sortDescriptors.clear();
-    spec.limit = 0;
-    auto objects = _fetchObjects(spec, error);
+  if (!plan.predicateInSQL) {
+    plan.sortDescriptors.clear();
+    plan.limit = 0;
+    auto objects = _fetchObjects(plan, error);
     if (!objects) return NSNotFound;
     count = static_cast<std::int64_t>(objects->size());
   } else {
     ZBExclusionChain chain;
-    auto counted = _countRows(spec, chain, error);
+    auto counted = _countRows(plan, chain, error);
     if (!counted) return NSNotFound;
     count = *counted;
   }

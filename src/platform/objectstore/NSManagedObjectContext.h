@@ -176,11 +176,11 @@ public:
   bool _rowFromObjects(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row, bool* found, NSErrorPtr* error);
   bool _relationshipFromObjects(const NSManagedObjectIDPtr& objectID, std::size_t relationship,
                                 std::vector<NSManagedObjectIDPtr>* related, NSErrorPtr* error);
-  // Whole rows, or in the spec's properties mode the values of its
+  // Whole rows, or in the plan's properties mode the values of its
   // properties, row after row, in *values.
-  bool _collectRows(const ZBFetchSpec& spec, ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,
+  bool _collectRows(const ZBFetchPlan& plan, ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,
                     std::vector<Value>* values, bool* overlaid, NSErrorPtr* error);
-  std::optional<std::int64_t> _countRows(const ZBFetchSpec& spec, ZBExclusionChain& chain, NSErrorPtr* error);
+  std::optional<std::int64_t> _countRows(const ZBFetchPlan& plan, ZBExclusionChain& chain, NSErrorPtr* error);
   bool _applyChildChanges(const std::vector<ZBObjectChange>& changes, NSErrorPtr* error);
 
 private:
@@ -202,10 +202,10 @@ private:
   // *error when the policy cannot (the error policy never can).
   bool _resolveConflicts(const std::vector<ZBSaveConflict>& conflicts, NSErrorPtr* error);
   std::shared_ptr<NSEntityDescription> _entityNamed(const std::string& name, NSErrorPtr* error) const;
-  bool _planFetch(const NSFetchRequest& request, ZBFetchSpec* spec, NSErrorPtr* error);
-  bool _pendingRows(const ZBFetchSpec& spec, const ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,
+  bool _planFetch(const NSFetchRequest& request, ZBFetchPlan* plan, NSErrorPtr* error);
+  bool _pendingRows(const ZBFetchPlan& plan, const ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,
                     std::vector<Value>* values);
-  std::optional<Array> _fetchObjects(const ZBFetchSpec& spec, NSErrorPtr* error);
+  std::optional<Array> _fetchObjects(const ZBFetchPlan& plan, NSErrorPtr* error);
 
   std::shared_ptr<ZBContextQueue> _queue;
   std::shared_ptr<NSPersistentStoreCoordinator> _coordinator;

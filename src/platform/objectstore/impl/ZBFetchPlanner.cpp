@@ -55,30 +55,30 @@ std::optional<std::pair<std::size_t, Value>> ZBEqualityConjunct(const NSPredicat
 }
 
 void ZBPlanFetch(const NSFetchRequest& request, const std::shared_ptr<NSEntityDescription>& entity,
-                 const ZBSQLiteStore& store, ZBFetchSpec* spec) {
-  spec->entity = entity;
-  spec->predicate = request.predicate();
-  spec->sortDescriptors = request.sortDescriptors();
-  spec->limit = request.fetchLimit();
-  spec->query.entity = entity.get();
+                 const ZBSQLiteStore& store, ZBFetchPlan* plan) {
+  plan->entity = entity;
+  plan->predicate = request.predicate();
+  plan->sortDescriptors = request.sortDescriptors();
+  plan->limit = request.fetchLimit();
+  plan->query.entity = entity.get();
   auto* layout = store.layout(entity.get());
-  if (spec->predicate) {
+  if (plan->predicate) {
     std::string where;
     std::vector<Value> parameters;
-    if (layout && ZBTranslatePredicate(*spec->predicate, store, *layout, &where, &parameters)) {
-      spec->query.where = std::move(where);
-      spec->query.parameters = std::move(parameters);
-      spec->predicateInSQL = true;
+    if (layout && ZBTranslatePredicate(*plan->predicate, store, *layout, &where, &parameters)) {
+      plan->query.where = std::move(where);
+      plan->query.parameters = std::move(parameters);
+      plan->predicateInSQL = true;
     } else {
-      spec->predicateInSQL = false;
+      plan->predicateInSQL = false;
     }
-    spec->equality = ZBEqualityConjunct(*spec->predicate, *entity);
+    plan->equality = ZBEqualityConjunct(*plan->predicate, *entity);
   }
   std::string orderBy;
-  for (auto& descriptor : spec->sortDescriptors) {
+  for (auto& descriptor : plan->sortDescriptors) {
     auto* attribute = entity->attributeNamed(descriptor.key());
     if (!attribute || !layout) {
-      spec->sortInSQL = false;
+      plan->sortInSQL = false;
       break;
     }
     if (!orderBy.empty()) orderBy += ", ";
@@ -86,7 +86,7 @@ void ZBPlanFetch(const NSFetchRequest& request, const std::shared_ptr<NSEntityDe
     if (attribute->attributeType() == NSAttributeType::String) orderBy += collationFor(descriptor.comparison());
     orderBy += descriptor.ascending() ? " ASC" : " DESC";
   }
-  if (spec->sortInSQL && !orderBy.empty()) spec->query.orderBy = orderBy + ", t0.\"Z_PK\"";
+  if (plan->sortInSQL && !orderBy.empty()) plan->query.orderBy = orderBy + ", t0.\"Z_PK\"";
 }
 
 bool ZBCanTranslatePredicate(NSPersistentStoreCoordinator& coordinator, const NSEntityDescription& entity,

@@ -15,7 +15,7 @@
 
 class ZBPendingChanges;
 
-struct ZBFetchSpec {
+struct ZBFetchPlan {
   std::shared_ptr<NSEntityDescription> entity;
   NSPredicatePtr predicate;
   // The store's WHERE is the whole predicate. When false the store returns
@@ -41,10 +41,10 @@ struct ZBFetchSpec {
 // level being asked: their objects stand in for the rows beneath.
 using ZBExclusionChain = std::vector<const ZBPendingChanges*>;
 
-// Fills spec from request: translates the predicate and the sort descriptors
+// Fills plan from request: translates the predicate and the sort descriptors
 // for store's layout. Untranslatable parts are left to memory (the flags).
 void ZBPlanFetch(const NSFetchRequest& request, const std::shared_ptr<NSEntityDescription>& entity,
-                 const ZBSQLiteStore& store, ZBFetchSpec* spec);
+                 const ZBSQLiteStore& store, ZBFetchPlan* plan);
 
 // Translates predicate over layout's table (alias t0) into SQL, appending
 // bound values to parameters. False when any part cannot be expressed.

@@ -771,27 +771,27 @@ private:
   Ex _constant(Value v) { return Ex{NSExpression::expressionForConstantValue(std::move(v)), 1}; }
 
   Ex _formatArgument(const Token& t) {
-    const std::string& spec = t.text;
-    if (spec == "%") return _constant(Value("%"));
-    if (spec == "K") {
+    const std::string& conversion = t.text;
+    if (conversion == "%") return _constant(Value("%"));
+    if (conversion == "K") {
       std::string path;
       if (!_keyPathArgument(t, path)) return {};
       return Ex{NSExpression::expressionForKeyPath(path), 1};
     }
     const Value* argument = _nextArgument(t);
     if (!argument) return {};
-    if (spec == "@") return _constant(argument->isNull() ? Value() : *argument);
+    if (conversion == "@") return _constant(argument->isNull() ? Value() : *argument);
     auto bad = [&](const char* wanted) {
-      _fail("%" + spec + " needs " + wanted + ", got " + argument->description(), t.position, ZBPredicateArgumentError);
+      _fail("%" + conversion + " needs " + wanted + ", got " + argument->description(), t.position, ZBPredicateArgumentError);
       return Ex{};
     };
-    if (spec == "s") return argument->isString() ? _constant(*argument) : bad("a string");
-    if (spec == "c") {
+    if (conversion == "s") return argument->isString() ? _constant(*argument) : bad("a string");
+    if (conversion == "c") {
       if (argument->isString()) return _constant(*argument);
       return argument->isNumber() ? _constant(Value(argument->integerValue())) : bad("a character");
     }
     if (!argument->isNumber()) return bad("a number");
-    if (std::string_view("fFeEgGaA").find(spec[0]) != std::string_view::npos)
+    if (std::string_view("fFeEgGaA").find(conversion[0]) != std::string_view::npos)
       return _constant(Value(argument->doubleValue()));
     return _constant(Value(argument->integerValue()));
   }
