@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "platform/foundation/NSPropertyListSerialization.h"
+#include "platform/foundation/impl/ZBFileIO.h"
 #include "platform/foundation/ZBLocalizedString.h"
 
 namespace fs = std::filesystem;
@@ -50,20 +51,6 @@ NSErrorPtr writeFailure(int code, const fs::path& file) {
                        : code == ENOSPC || code == EDQUOT              ? NSFileWriteOutOfSpaceError
                                                                        : NSFileWriteUnknownError;
   return fileError(cocoa, ZBLocalizedString("The settings file couldn’t be saved."), file, posixError(code));
-}
-
-// Writes all of data to fd; false with errno set on failure.
-bool writeAll(int fd, const Data& data) {
-  std::size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace
@@ -331,7 +318,7 @@ bool NSUserDefaults::_writeFile(const Dictionary& contents, NSErrorPtr* error) c
     ::unlink(temporary.c_str());
     return fail(code);
   };
-  if (!writeAll(fd, bytes) || ::fsync(fd) != 0) {
+  if (!ZBWriteAll(fd, bytes) || ::fsync(fd) != 0) {
     int code = errno;
     ::close(fd);
     return discard(code);

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "platform/foundation/impl/ZBFileIO.h"
 #include "platform/foundation/NSPropertyListSerialization.h"
 #include "platform/foundation/ZBLocalizedString.h"
 
@@ -29,19 +30,6 @@ NSErrorPtr writeFailure(int posix, const fs::path& file) {
                       : posix == ENOSPC || posix == EDQUOT               ? NSFileWriteOutOfSpaceError
                                                                          : NSFileWriteUnknownError;
   return fileError(code, posix, ZBLocalizedString("The Pinboard credentials couldn’t be saved."), file);
-}
-
-bool writeAll(int fd, const Data& data) {
-  std::size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace
@@ -91,7 +79,7 @@ bool ZBPinboardCredentials::writeToFile(const fs::path& file, NSErrorPtr* error)
     ::unlink(temporary.c_str());
     return ZBSetError(error, writeFailure(code, file));
   };
-  if (::fchmod(fd, 0600) != 0 || !writeAll(fd, bytes) || ::fsync(fd) != 0) return fail(errno);
+  if (::fchmod(fd, 0600) != 0 || !ZBWriteAll(fd, bytes) || ::fsync(fd) != 0) return fail(errno);
   if (::close(fd) != 0) {
     int code = errno;
     ::unlink(temporary.c_str());
