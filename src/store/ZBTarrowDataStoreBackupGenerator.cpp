@@ -1,11 +1,16 @@
 #include "store/ZBTarrowDataStoreBackupGenerator.h"
 
+#include <stdexcept>
+
 #include "model/ZBTarrowCollection.h"
 #include "model/ZBTarrowManagedObjectExporting.h"
 #include "model/ZBTarrowSearch.h"
 #include "platform/foundation/NSPropertyListSerialization.h"
+#include "platform/foundation/ZBLocalizedString.h"
 #include "platform/objectstore/NSEntityDescription.h"
 #include "platform/objectstore/NSFetchRequest.h"
+#include "platform/objectstore/NSManagedObjectModel.h"
+#include "platform/objectstore/NSPersistentStoreCoordinator.h"
 
 const std::string ZBTarrowDataBackupDocumentType = "com.orvane.tarrow.backup";
 const std::string ZBTarrowDataBookmarkMetadataType = "com.orvane.tarrow.bookmark.metadata";
@@ -28,12 +33,64 @@ Value dictionaryRepresentation(const Value& object) {
   return exporting ? Value(exporting->dictionaryRepresentation()) : Value(Dictionary{});
 }
 
-void restoreItems(const Value& items, const std::string& entityName, const std::string& identifierKey,
-                  const NSManagedObjectContextPtr& context) {
-  for (const Value& item : items.asArray()) {
-    if (!item.isDictionary()) continue;
-    const Dictionary& values = item.asDictionary();
-    Value identifier = values[identifierKey];
+const NSEntityDescription& entityNamed(const NSManagedObjectContextPtr& context, const std::string& name) {
+  auto coordinator = context->persistentStoreCoordinator();
+  auto entity = coordinator ? coordinator->managedObjectModel()->entityNamed(name) : nullptr;
+  if (!entity) throw std::logic_error("the context's model has no entity " + name);
+  return *entity;
+}
+
+NSErrorPtr formatError(const std::string& reason) {
+  Dictionary info{
+      {NSLocalizedDescriptionKey,
+       ZBLocalizedString("The backup couldn’t be restored because it isn’t in the correct format.")},
+      {"NSDebugDescription", reason}};
+  return NSError::create(NSCocoaErrorDomain, NSFileReadCorruptFileError, std::move(info));
+}
+
+// The entries of one kind, each reduced to the keys the entity stores. A
+// document is outside input, so everything is checked before anything is
+// applied: a value that does not fit its attribute would otherwise stop the
+// restore half-way. Unknown keys are dropped (a later version may add some).
+// An archived value (a collection's predicate) must be data; whether the
+// archive itself is sound is the entity's business.
+std::optional<std::vector<Dictionary>> checkedItems(const Value& items, const std::string& kind,
+                                                    const NSEntityDescription& entity, std::string* reason) {
+  std::vector<Dictionary> checked;
+  if (items.isAbsent()) return checked;
+  if (!items.isArray()) {
+    *reason = "\"" + kind + "\" is not an array";
+    return std::nullopt;
+  }
+  for (std::size_t i = 0; i < items.asArray().size(); ++i) {
+    const Value& item = items.asArray()[i];
+    const std::string where = "\"" + kind + "\"[" + std::to_string(i) + "]";
+    if (!item.isDictionary()) {
+      *reason = where + " is not a dictionary";
+      return std::nullopt;
+    }
+    Dictionary known;
+    for (const auto& [key, value] : item.asDictionary()) {
+      const NSAttributeDescription* attribute = entity.attributeNamed(key);
+      if (!attribute) continue;
+      const bool fits = attribute->attributeType() == NSAttributeType::Transformable
+                            ? value.isData()
+                            : attribute->coercedValue(value).has_value();
+      if (!fits) {
+        *reason = where + " has a value of the wrong type for \"" + key + "\"";
+        return std::nullopt;
+      }
+      known.set(key, value);
+    }
+    checked.push_back(std::move(known));
+  }
+  return checked;
+}
+
+void restoreItems(const std::vector<Dictionary>& items, const std::string& entityName,
+                  const std::string& identifierKey, const NSManagedObjectContextPtr& context) {
+  for (const Dictionary& values : items) {
+    const Value& identifier = values[identifierKey];
     auto request = NSFetchRequest::fetchRequestWithEntityName(entityName);
     request->setPredicate(NSPredicate::predicateWithFormat("%K == %@", {Value(identifierKey), identifier}));
     request->setFetchLimit(1);
@@ -44,14 +101,8 @@ void restoreItems(const Value& items, const std::string& entityName, const std::
       object = context->insertNewObjectForEntityForName(entityName);
       object->setValueForKey(identifier, identifierKey);
     }
-    // A document is outside input: keys the entity does not have are dropped
-    // rather than handed to the object, which would refuse them.
-    Dictionary known;
-    for (const auto& [key, value] : values) {
-      if (object->entity()->propertyNamed(key)) known.set(key, value);
-    }
     if (auto exporting = std::dynamic_pointer_cast<ZBTarrowManagedObjectExporting>(object)) {
-      exporting->updateWithDictionaryRepresentation(known);
+      exporting->updateWithDictionaryRepresentation(values);
     }
   }
 }
@@ -91,8 +142,17 @@ bool ZBTarrowDataStoreBackupGenerator::restoreBackup(const Data& data, const NSM
   NSErrorPtr parseError;
   Value document = NSPropertyListSerialization::propertyListWithData(data, nullptr, &parseError);
   if (document.isAbsent()) return ZBSetError(error, parseError);
+  if (!document.isDictionary()) return ZBSetError(error, formatError("the root is not a dictionary"));
   const Dictionary& root = document.asDictionary();
-  restoreItems(root[kCollectionsKey], ZBTarrowCollectionEntityName, ZBTarrowCollectionIdentifierKey, context);
-  restoreItems(root[kSearchesKey], ZBTarrowSearchEntityName, ZBTarrowSearchIdentifierKey, context);
+
+  std::string reason;
+  auto collections =
+      checkedItems(root[kCollectionsKey], kCollectionsKey, entityNamed(context, ZBTarrowCollectionEntityName), &reason);
+  if (!collections) return ZBSetError(error, formatError(reason));
+  auto searches = checkedItems(root[kSearchesKey], kSearchesKey, entityNamed(context, ZBTarrowSearchEntityName), &reason);
+  if (!searches) return ZBSetError(error, formatError(reason));
+
+  restoreItems(*collections, ZBTarrowCollectionEntityName, ZBTarrowCollectionIdentifierKey, context);
+  restoreItems(*searches, ZBTarrowSearchEntityName, ZBTarrowSearchIdentifierKey, context);
   return context->save(error);
 }

@@ -30,11 +30,19 @@ public:
   // serialisation fails.
   std::optional<Data> createBackupFromContext(const NSManagedObjectContextPtr& context,
                                               NSErrorPtr* error = nullptr) const;
-  // Applies the document and saves the context. False and *error when data
-  // is not a property list (nothing changes) or the save fails (the changes
-  // then stay unsaved in the context, for the caller to keep or roll back).
-  // An entry whose predicate data is damaged is restored without it: the
-  // collection keeps the predicate it had.
+  // Applies the document and saves the context. False and *error when:
+  // - data is not a property list: the parser's error (NSCocoaErrorDomain,
+  //   NSPropertyListReadCorruptError); nothing changes;
+  // - the property list is not a backup (the root is not a dictionary,
+  //   "collections" or "searches" is there but not an array of
+  //   dictionaries, or a value does not fit the attribute it names):
+  //   NSCocoaErrorDomain, NSFileReadCorruptFileError; nothing changes;
+  // - the save fails: the save's error; the changes then stay unsaved in the
+  //   context, for the caller to keep or roll back.
+  // Keys the entities do not store are ignored. An entry whose predicate
+  // data is damaged is restored without it: the collection keeps the
+  // predicate it had (a new one has none). The context's model must hold
+  // the Collection and Search entities (else std::logic_error).
   bool restoreBackup(const Data& data, const NSManagedObjectContextPtr& context, NSErrorPtr* error = nullptr) const;
 
   // mapper applied to each element, in order.
