@@ -41,10 +41,9 @@ const NSEntityDescription& entityNamed(const NSManagedObjectContextPtr& context,
 }
 
 NSErrorPtr formatError(const std::string& reason) {
-  Dictionary info{
-      {NSLocalizedDescriptionKey,
-       ZBLocalizedString("The backup couldn’t be restored because it isn’t in the correct format.")},
-      {"NSDebugDescription", reason}};
+  Dictionary info{{NSLocalizedDescriptionKey,
+                   ZBLocalizedString("The backup couldn’t be restored because it isn’t in the correct format.")},
+                  {"NSDebugDescription", reason}};
   return NSError::create(NSCocoaErrorDomain, NSFileReadCorruptFileError, std::move(info));
 }
 
@@ -87,8 +86,8 @@ std::optional<std::vector<Dictionary>> checkedItems(const Value& items, const st
   return checked;
 }
 
-void restoreItems(const std::vector<Dictionary>& items, const std::string& entityName,
-                  const std::string& identifierKey, const NSManagedObjectContextPtr& context) {
+void restoreItems(const std::vector<Dictionary>& items, const std::string& entityName, const std::string& identifierKey,
+                  const NSManagedObjectContextPtr& context) {
   for (const Dictionary& values : items) {
     const Value& identifier = values[identifierKey];
     auto request = NSFetchRequest::fetchRequestWithEntityName(entityName);
@@ -128,8 +127,8 @@ std::optional<Data> ZBTarrowDataStoreBackupGenerator::createBackupFromContext(co
                       {kCollectionsKey, _mapArray(*collections, dictionaryRepresentation)},
                       {kSearchesKey, _mapArray(*searches, dictionaryRepresentation)}};
   NSErrorPtr serialisationError;
-  Data data = NSPropertyListSerialization::dataWithPropertyList(document, NSPropertyListFormat::XML_v1_0,
-                                                                &serialisationError);
+  Data data =
+      NSPropertyListSerialization::dataWithPropertyList(document, NSPropertyListFormat::XML_v1_0, &serialisationError);
   if (serialisationError) {
     ZBSetError(error, serialisationError);
     return std::nullopt;
@@ -149,7 +148,8 @@ bool ZBTarrowDataStoreBackupGenerator::restoreBackup(const Data& data, const NSM
   auto collections =
       checkedItems(root[kCollectionsKey], kCollectionsKey, entityNamed(context, ZBTarrowCollectionEntityName), &reason);
   if (!collections) return ZBSetError(error, formatError(reason));
-  auto searches = checkedItems(root[kSearchesKey], kSearchesKey, entityNamed(context, ZBTarrowSearchEntityName), &reason);
+  auto searches =
+      checkedItems(root[kSearchesKey], kSearchesKey, entityNamed(context, ZBTarrowSearchEntityName), &reason);
   if (!searches) return ZBSetError(error, formatError(reason));
 
   restoreItems(*collections, ZBTarrowCollectionEntityName, ZBTarrowCollectionIdentifierKey, context);

@@ -1,3 +1,4 @@
+#include <gtest/gtest.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/valid.h>
@@ -6,8 +7,6 @@
 #include <memory>
 #include <set>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "model/ZBTarrowCollection.h"
 #include "model/ZBTarrowPinboardPost.h"
@@ -99,9 +98,9 @@ void expectSameItems(const Items& actual, const Items& expected) {
   for (const auto& [identifier, item] : expected) {
     auto found = actual.find(identifier);
     ASSERT_NE(found, actual.end()) << identifier;
-    EXPECT_EQ(found->second.values, item.values) << identifier << "\n  actual:   "
-                                                 << Value(found->second.values).description()
-                                                 << "\n  expected: " << Value(item.values).description();
+    EXPECT_EQ(found->second.values, item.values)
+        << identifier << "\n  actual:   " << Value(found->second.values).description()
+        << "\n  expected: " << Value(item.values).description();
     ASSERT_EQ(bool(found->second.predicate), bool(item.predicate)) << identifier;
     if (item.predicate) {
       EXPECT_TRUE(found->second.predicate->isEqual(*item.predicate)) << identifier;
@@ -127,13 +126,19 @@ void addUserItems(const BackupStore& store) {
     };
     for (const CollectionSpec& spec : std::vector<CollectionSpec>{
              {"LAST-WEEK", "Unread this week", "relative_date < $7__days AND unread == YES", {}, 10, false},
-             {"CAFES", "Cafés of two months",
-              "NOT (shared == NO OR relative_date >= $2__months) AND ANY tags.title ==[cd] %@", {Value("café")}, -3,
+             {"CAFES",
+              "Cafés of two months",
+              "NOT (shared == NO OR relative_date >= $2__months) AND ANY tags.title ==[cd] %@",
+              {Value("café")},
+              -3,
               true},
-             {"MIXED", "Today's reading",
+             {"MIXED",
+              "Today's reading",
               "(ANY tags.title IN %@ OR url BEGINSWITH[c] \"https://\") AND NOT dead == YES AND "
               "relative_date > $12__hours AND tags.@count > 1",
-              {Value(Array{Value("c++"), Value("sqlite")})}, 7, false},
+              {Value(Array{Value("c++"), Value("sqlite")})},
+              7,
+              false},
              {"EVERYTHING", "Everything I keep", nullptr, {}, 0, false}}) {
       auto collection = context.insertNewObject<ZBTarrowCollection>(ZBTarrowCollectionEntityName);
       collection->setValueForKey(spec.identifier, ZBTarrowCollectionIdentifierKey);
@@ -240,9 +245,8 @@ TEST(ZBTarrowDataStoreBackupGenerator, RoundTripRestoresTheUserItemsIntoAFreshCo
     // Built-in items only: an empty document.
     auto empty = store.backup();
     ASSERT_TRUE(empty);
-    EXPECT_EQ(Value(documentOf(*empty)), Value(Dictionary{{kVersion, Value(1)},
-                                                          {kCollections, Value(Array{})},
-                                                          {kSearches, Value(Array{})}}));
+    EXPECT_EQ(Value(documentOf(*empty)),
+              Value(Dictionary{{kVersion, Value(1)}, {kCollections, Value(Array{})}, {kSearches, Value(Array{})}}));
   }
   original = userBackup();
   ASSERT_EQ(original.collections.size(), 4u);
@@ -270,8 +274,9 @@ TEST(ZBTarrowDataStoreBackupGenerator, RoundTripRestoresTheUserItemsIntoAFreshCo
     return std::string();
   }();
   ASSERT_FALSE(bareSearch.empty());
-  EXPECT_EQ(written, (std::set<std::string>{"LAST-WEEK", "CAFES", "MIXED", "EVERYTHING",
-                                            original.searches.begin()->first, std::next(original.searches.begin())->first}));
+  EXPECT_EQ(written,
+            (std::set<std::string>{"LAST-WEEK", "CAFES", "MIXED", "EVERYTHING", original.searches.begin()->first,
+                                   std::next(original.searches.begin())->first}));
   const Dictionary& bareEntry =
       document[kSearches].asArray()[indexOfIdentifier(document, kSearches, bareSearch)].asDictionary();
   EXPECT_FALSE(bareEntry.contains(ZBTarrowSearchUsernameKey));
@@ -285,9 +290,14 @@ TEST(ZBTarrowDataStoreBackupGenerator, RoundTripRestoresTheUserItemsIntoAFreshCo
   Items builtInSearches = fresh.searches();
   fresh.perform([&] {
     auto& context = *fresh.context();
-    struct PostSpec { const char* url; double daysAgo; bool unread; };
-    for (const PostSpec& spec : {PostSpec{"https://example.com/3", 3, true}, PostSpec{"https://example.com/10", 10, true},
-                                 PostSpec{"https://example.com/1", 1, false}}) {
+    struct PostSpec {
+      const char* url;
+      double daysAgo;
+      bool unread;
+    };
+    for (const PostSpec& spec :
+         {PostSpec{"https://example.com/3", 3, true}, PostSpec{"https://example.com/10", 10, true},
+          PostSpec{"https://example.com/1", 1, false}}) {
       auto post = context.insertNewObjectForEntityForName(ZBTarrowPinboardPostEntityName);
       post->setValueForKey(spec.url, ZBTarrowPinboardPostURLKey);
       post->setValueForKey(NSDate::date().dateByAddingTimeInterval(-spec.daysAgo * 86400), ZBTarrowPinboardPostDateKey);
@@ -328,7 +338,8 @@ TEST(ZBTarrowDataStoreBackupGenerator, RoundTripRestoresTheUserItemsIntoAFreshCo
       const std::string identifier = values[ZBTarrowCollectionIdentifierKey].asString();
       Dictionary before = document[kind].asArray()[indexOfIdentifier(document, kind, identifier)].asDictionary();
       if (kind == kCollections) {
-        Value archived = NSKeyedUnarchiver::unarchivedObjectOfClass("NSPredicate", values[ZBTarrowCollectionPredicateKey].asData());
+        Value archived =
+            NSKeyedUnarchiver::unarchivedObjectOfClass("NSPredicate", values[ZBTarrowCollectionPredicateKey].asData());
         Value archivedBefore =
             NSKeyedUnarchiver::unarchivedObjectOfClass("NSPredicate", before[ZBTarrowCollectionPredicateKey].asData());
         EXPECT_EQ(archived, archivedBefore) << identifier;
@@ -448,7 +459,8 @@ TEST(ZBTarrowDataStoreBackupGenerator, OtherVersionsAndDamagedPredicatesRestoreW
 
   // Damaged predicate data: the other values apply and the stored predicate
   // stays; a new collection comes without one. Any plist format will do.
-  const Data archive = document[kCollections].asArray()[indexOfIdentifier(document, kCollections, "CAFES")]
+  const Data archive = document[kCollections]
+                           .asArray()[indexOfIdentifier(document, kCollections, "CAFES")]
                            .asDictionary()[ZBTarrowCollectionPredicateKey]
                            .asData();
   const Data truncated(archive.begin(), archive.begin() + static_cast<std::ptrdiff_t>(archive.size() / 2));
@@ -550,8 +562,8 @@ TEST(ZBTarrowDataStoreBackupGenerator, HostileDocumentsAreRefusedAndTheStoreKeep
       {"predicate an array",
        withEntry(renamed, kCollections, lastCollection, setting(ZBTarrowCollectionPredicateKey, Value(Array{})))},
       {"hidden a date", withEntry(renamed, kSearches, lastSearch, setting(ZBTarrowSearchHiddenKey, NSDate::date()))},
-      {"tags an array", withEntry(renamed, kSearches, lastSearch,
-                                  setting(ZBTarrowSearchTagsKey, Value(Array{Value("a"), Value("b")})))},
+      {"tags an array",
+       withEntry(renamed, kSearches, lastSearch, setting(ZBTarrowSearchTagsKey, Value(Array{Value("a"), Value("b")})))},
   };
   for (const auto& [what, data] : shapes) expectRefused(data, NSFileReadCorruptFileError, what);
 }
@@ -602,7 +614,8 @@ TEST(ZBTarrowDataStoreBackupGenerator, DocumentIsAValidXMLPropertyList) {
                     nullptr, XML_PARSE_NONET),
       &xmlFreeDoc);
   ASSERT_TRUE(doc) << "not well-formed XML";
-  xmlParserInputBufferPtr input = xmlParserInputBufferCreateMem(kPlistDTD, sizeof kPlistDTD - 1, XML_CHAR_ENCODING_UTF8);
+  xmlParserInputBufferPtr input =
+      xmlParserInputBufferCreateMem(kPlistDTD, sizeof kPlistDTD - 1, XML_CHAR_ENCODING_UTF8);
   std::unique_ptr<xmlDtd, decltype(&xmlFreeDtd)> dtd(xmlIOParseDTD(nullptr, input, XML_CHAR_ENCODING_UTF8),
                                                      &xmlFreeDtd);
   ASSERT_TRUE(dtd);
