@@ -309,7 +309,7 @@ TEST(Collection, PredicateSurvivesTheStore) {
 // since the last notification: the post left the collection and came back.
 // Needs the context to report objects changed since its last notification
 // even when they are back at their saved values.
-TEST(Collection, DISABLED_CountFollowsAnEditThatRestoresTheSavedValue) {
+TEST(Collection, CountFollowsAnEditThatRestoresTheSavedValue) {
   ModelStore store;
   auto context = store.newContext();
   auto post = insertPost(*context, "https://example.org/");

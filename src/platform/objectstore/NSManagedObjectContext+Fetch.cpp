@@ -147,7 +147,7 @@ std::optional<std::int64_t> NSManagedObjectContext::_countRows(const ZBFetchPlan
     _coordinator->_withStore(plan.entity.get(), error, [&](ZBSQLiteStore& store) {
       ZBStoreQuery query = plan.query;
       query.limit = 0;
-      auto total = store.count(query, error);
+      auto total = store.count(query, error, true);
       if (!total) return false;
       auto keys = storedKeysOf(chain, plan.entity.get());
       if (keys.empty()) {

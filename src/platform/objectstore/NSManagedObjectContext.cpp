@@ -329,7 +329,9 @@ void NSManagedObjectContext::processPendingChanges() {
       deleted.insert(Value(object));
     } else if (object->isInserted()) {
       inserted.insert(Value(object));
-    } else if (object->hasChanges()) {
+    } else {
+      // Changed since the last notification, even if back to its saved
+      // values: observers' views of it are stale either way.
       updated.insert(Value(object));
     }
   }

@@ -172,16 +172,26 @@ private:
     return true;
   }
 
-  // "FROM … WHERE …" selecting the destination rows of a to-many
-  // relationship of alias's row; the destination is aliased inner.
-  std::string membersFrom(const ZBRelationshipLayout& r, const std::string& alias, const std::string& inner) {
+  // "alias.Z_PK IN (…)": the rows of alias's table with a member of the
+  // to-many relationship r (aliased inner) for which test holds; negated,
+  // the rows with a member for which it fails (or is NULL), for ALL. An
+  // uncorrelated subquery is computed once, through the destination's
+  // indexes, instead of once per row of alias's table.
+  std::string owners(const ZBRelationshipLayout& r, const std::string& alias, const std::string& inner,
+                     const std::string& test, bool negated) {
+    std::string owner, from;
     if (r.kind == ZBRelationshipLayout::Kind::JoinTable) {
       std::string join = inner + "j";
-      return "FROM " + r.joinTable + " " + join + " JOIN " + r.destinationTable + " " + inner + " ON " + inner +
-             ".\"Z_PK\" = " + join + "." + r.otherColumn + " WHERE " + join + "." + r.selfColumn + " = " + alias +
-             ".\"Z_PK\"";
+      owner = join + "." + r.selfColumn;
+      from = "FROM " + r.joinTable + " " + join + " JOIN " + r.destinationTable + " " + inner + " ON " + inner +
+             ".\"Z_PK\" = " + join + "." + r.otherColumn;
+    } else {
+      owner = inner + "." + r.column;
+      from = "FROM " + r.destinationTable + " " + inner;
     }
-    return "FROM " + r.destinationTable + " " + inner + " WHERE " + inner + "." + r.column + " = " + alias + ".\"Z_PK\"";
+    std::string condition = negated ? "NOT IFNULL((" + test + "), 0)" : "(" + test + ")";
+    return alias + ".\"Z_PK\" " + (negated ? "NOT IN" : "IN") + " (SELECT " + owner + " " + from + " WHERE " +
+           owner + " IS NOT NULL AND " + condition + ")";
   }
 
   // Only the join table is needed to test for members or count them.
@@ -228,11 +238,7 @@ private:
       if (!scalar(rest, *destination, inner, &member)) return false;
       std::string test;
       if (!compare(member, op, node.options(), right.constantValue(), &test)) return false;
-      if (modifier == NSComparisonPredicateModifier::Any) {
-        *out = "EXISTS (SELECT 1 " + membersFrom(*r, alias, inner) + " AND (" + test + "))";
-      } else {
-        *out = "NOT EXISTS (SELECT 1 " + membersFrom(*r, alias, inner) + " AND NOT IFNULL((" + test + "), 0))";
-      }
+      *out = owners(*r, alias, inner, test, modifier != NSComparisonPredicateModifier::Any);
       return true;
     }
 
@@ -259,7 +265,7 @@ private:
         if (!compare(member, NSPredicateOperatorType::EqualTo, node.options(), constant.constantValue(), &test)) {
           return false;
         }
-        *out = "EXISTS (SELECT 1 " + membersFrom(*r, alias, inner) + " AND (" + test + "))";
+        *out = owners(*r, alias, inner, test, false);
         return true;
       }
     }

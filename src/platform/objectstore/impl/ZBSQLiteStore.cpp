@@ -158,6 +158,7 @@ std::unique_ptr<ZBSQLiteStore> ZBSQLiteStore::open(const std::filesystem::path& 
   if (!store->_buildLayouts(error)) return nullptr;
   store->_db = ZBSQLiteDatabase::open(path, true, error);
   if (!store->_db) return nullptr;
+  store->_counts = std::make_unique<ZBCountMemo>(*store->_db, store->_layouts);
   if (!store->_configure(options, error)) return nullptr;
   if (!store->_prepareSchema(options, error)) return nullptr;
   return store;
@@ -638,12 +639,13 @@ bool ZBSQLiteStore::fetchProperties(const ZBStoreQuery& query,
   return true;
 }
 
-std::optional<std::int64_t> ZBSQLiteStore::count(const ZBStoreQuery& query, NSErrorPtr* error) {
+std::optional<std::int64_t> ZBSQLiteStore::count(const ZBStoreQuery& query, NSErrorPtr* error, bool remember) {
   auto* entityLayout = layout(query.entity);
   if (!entityLayout) {
     ZBSetError(error, storeError(NSCoreDataError, "The entity is not in this store.", ""));
     return std::nullopt;
   }
+  if (remember && query.limit <= 0) return _counts->count(*entityLayout, query, error);
   ZBStoreQuery plain = query;
   plain.orderBy.clear();
   std::string sql = selectSQL(*entityLayout, "COUNT(*)", plain);
@@ -724,6 +726,8 @@ bool ZBSQLiteStore::save(const std::vector<ZBObjectChange>& changes, std::vector
                          std::vector<ZBSaveConflict>* conflicts, NSErrorPtr* error) {
   ZBSQLiteTransaction transaction(*_db);
   if (!transaction.begin(NSPersistentStoreSaveError, error)) return false;
+  ZBCountMemo::SaveUpdate counts;
+  if (!_counts->willWrite(changes, &counts, error)) return false;
   std::unordered_map<const NSManagedObjectID*, std::int64_t> newKeys;
   newKeys.reserve(changes.size());
   auto keyOf = [&](const NSManagedObjectIDPtr& objectID) -> std::int64_t {
@@ -955,5 +959,8 @@ bool ZBSQLiteStore::save(const std::vector<ZBObjectChange>& changes, std::vector
   }
 
   if (conflictCount > 0) return false;
-  return transaction.commit(NSPersistentStoreSaveError, error);
+  if (!_counts->didWrite(counts, keyOf, error)) return false;
+  if (!transaction.commit(NSPersistentStoreSaveError, error)) return false;
+  _counts->didCommit(counts);
+  return true;
 }

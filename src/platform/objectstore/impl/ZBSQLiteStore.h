@@ -24,6 +24,7 @@
 
 #include "platform/foundation/NSError.h"
 #include "platform/objectstore/NSManagedObjectModel.h"
+#include "platform/objectstore/impl/ZBCountMemo.h"
 #include "platform/objectstore/impl/ZBSQLite.h"
 #include "platform/objectstore/impl/ZBStoreTypes.h"
 
@@ -93,7 +94,10 @@ public:
   // with each row's primary key appended to keys.
   bool fetchProperties(const ZBStoreQuery& query, const std::vector<const NSPropertyDescription*>& properties,
                        std::vector<std::int64_t>* keys, std::vector<Value>* values, NSErrorPtr* error);
-  std::optional<std::int64_t> count(const ZBStoreQuery& query, NSErrorPtr* error);
+  // remember: keep the count for the next identical query, exact across
+  // this store's own saves (see ZBCountMemo); for the queries asked again
+  // and again, such as live counts.
+  std::optional<std::int64_t> count(const ZBStoreQuery& query, NSErrorPtr* error, bool remember = false);
   // found is false when the row does not exist.
   bool rowForPrimaryKey(const NSEntityDescription* entity, std::int64_t pk, ZBRowSnapshot* row, bool* found,
                         NSErrorPtr* error);
@@ -130,6 +134,7 @@ private:
   std::vector<std::shared_ptr<NSEntityDescription>> _entities;
   std::unordered_map<const NSEntityDescription*, ZBEntityLayout> _layouts;
   IDMaker _makeID;
+  std::unique_ptr<ZBCountMemo> _counts;
 };
 
 // Keyed-archive coding of transformable attribute values.
