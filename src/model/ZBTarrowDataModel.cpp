@@ -24,12 +24,11 @@ std::shared_ptr<NSEntityDescription> postEntity() {
   entity->addAttribute(ZBTarrowPinboardPostURLKey, Type::String, {.optional = false, .indexed = true});
   entity->addAttribute(ZBTarrowPinboardPostTitleKey, Type::String);
   entity->addAttribute(ZBTarrowPinboardPostDescKey, Type::String);
-  // Flags are indexed only where the value asked for is rare among a user's
-  // bookmarks (starred, dead, dirty). Without table statistics SQLite
-  // prefers any equality index over a range, so an index on "deleting",
-  // which every collection count tests for its common value NO, would turn
-  // the date range of a relative-date count into a walk over nearly every
-  // row; unread and shared match too many rows for an index to beat a scan.
+  // Flags are indexed alone where the value asked for is rare among a
+  // user's bookmarks (starred, dead, dirty); the flags every collection
+  // count tests together share one compound index (below), which answers
+  // those counts without reading the table. The store keeps table
+  // statistics, so SQLite still prefers a date range to that index.
   entity->addAttribute(ZBTarrowPinboardPostDateKey, Type::Date, indexed());
   entity->addAttribute(ZBTarrowPinboardPostUnreadKey, Type::Boolean);
   entity->addAttribute(ZBTarrowPinboardPostSharedKey, Type::Boolean);
@@ -41,6 +40,9 @@ std::shared_ptr<NSEntityDescription> postEntity() {
   entity->addAttribute(ZBTarrowPinboardObjectDirtyKey, Type::Boolean, indexed());
   entity->addRelationship(ZBTarrowPinboardPostTagsKey, ZBTarrowPinboardTagEntityName,
                           {.toMany = true, .inverseName = ZBTarrowPinboardTagPostsKey});
+  entity->addCompoundIndex({ZBTarrowPinboardObjectDeletingKey, ZBTarrowPinboardPostSharedKey,
+                            ZBTarrowPinboardPostUnreadKey, ZBTarrowPinboardPostStarredKey,
+                            ZBTarrowPinboardPostDeadKey});
   return entity;
 }
 

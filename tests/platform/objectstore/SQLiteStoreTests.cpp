@@ -21,7 +21,7 @@ class RawDatabase {
 public:
   explicit RawDatabase(const std::filesystem::path& path) { sqlite3_open(path.c_str(), &_db); }
   ~RawDatabase() { sqlite3_close(_db); }
-  std::vector<std::string> column(const std::string& sql) const {
+  std::vector<std::string> column(const std::string& sql, int index = 0) const {
     std::vector<std::string> values;
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v2(_db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
@@ -29,7 +29,7 @@ public:
       return values;
     }
     while (sqlite3_step(statement) == SQLITE_ROW) {
-      auto* text = sqlite3_column_text(statement, 0);
+      auto* text = sqlite3_column_text(statement, index);
       values.push_back(text ? reinterpret_cast<const char*>(text) : "NULL");
     }
     sqlite3_finalize(statement);
@@ -383,4 +383,60 @@ TEST(SQLiteStore, ArchivedValuesSurviveASaveAndDamagedOnesReadAsAbsent) {
   auto all = fetchAll(*damaged, "Collection");
   ASSERT_EQ(all.size(), 2u);
   for (auto& object : all) EXPECT_TRUE(valueForKey(object, "predicate").isAbsent());
+}
+
+// Without table statistics SQLite walks an equality index on a flag that
+// nearly every row shares ("deleting = 0") instead of a narrow date range.
+// The store keeps statistics as rows come and go, and gathers them on
+// opening a store that has none.
+TEST(SQLiteStore, StatisticsKeepANarrowRangeAheadOfACommonFlag) {
+  auto item = NSEntityDescription::create("Item");
+  item->addAttribute("date", NSAttributeType::Date, {.indexed = true});
+  item->addAttribute("deleting", NSAttributeType::Boolean);
+  item->addAttribute("shared", NSAttributeType::Boolean);
+  item->addCompoundIndex({"deleting", "shared"});
+  auto model = NSManagedObjectModel::create({item});
+  TemporaryDirectory directory;
+  auto file = directory.path() / "Items.sqlite";
+  auto open = [&] {
+    auto coordinator = NSPersistentStoreCoordinator::create(model);
+    NSErrorPtr error;
+    EXPECT_TRUE(coordinator->addPersistentStoreWithType(NSSQLiteStoreType, "", NSURL::fileURLWithPath(file.string()),
+                                                        {}, &error));
+    return coordinator;
+  };
+  int serial = 0;
+  auto addItems = [&](const std::shared_ptr<NSPersistentStoreCoordinator>& coordinator, int count, int perSave) {
+    auto context = NSManagedObjectContext::create(NSConfinementConcurrencyType);
+    context->setPersistentStoreCoordinator(coordinator);
+    for (int i = 0; i < count; ++i) {
+      auto object = context->insertNewObjectForEntityForName("Item");
+      object->setValueForKey(Value(NSDate(60.0 * serial++)), "date");
+      object->setValueForKey(Value(serial % 50 == 0), "deleting");
+      if ((i + 1) % perSave == 0) {
+        ASSERT_TRUE(context->save());
+      }
+    }
+  };
+  auto plan = [&] {
+    RawDatabase raw(file);
+    auto details = raw.column(
+        "EXPLAIN QUERY PLAN SELECT COUNT(*) FROM \"Item\" t0 WHERE t0.\"deleting\" = 0 AND t0.\"date\" >= 1000", 3);
+    std::string joined;
+    for (auto& detail : details) joined += detail + "; ";
+    return joined;
+  };
+  const std::string dateIndex = "INDEX Z_Item_date (date>?)";
+
+  auto coordinator = open();
+  addItems(coordinator, 400, 400);
+  EXPECT_EQ(plan().find(dateIndex), std::string::npos) << "without statistics the flag's index wins: " << plan();
+  addItems(coordinator, 900, 100);  // many small saves add up
+  EXPECT_NE(plan().find(dateIndex), std::string::npos) << plan();
+
+  coordinator.reset();
+  RawDatabase(file).column("DELETE FROM sqlite_stat1");
+  EXPECT_EQ(plan().find(dateIndex), std::string::npos) << plan();
+  coordinator = open();
+  EXPECT_NE(plan().find(dateIndex), std::string::npos) << plan();
 }

@@ -481,7 +481,20 @@ private:
                                : op == NSPredicateOperatorType::Contains ? "zb_contains"
                                : op == NSPredicateOperatorType::Like     ? "zb_like"
                                                                          : "zb_matches";
-        return stringFunction(function, operand, options, constant, out);
+        if (!stringFunction(function, operand, options, constant, out)) return false;
+        if (op == NSPredicateOperatorType::BeginsWith && flags == 0 && operand.sql.front() != '(') {
+          // A literal prefix is also a range of the column's binary order,
+          // which lets an index on the column find the candidates.
+          std::string low = constant.asString();
+          std::string high = low;
+          while (!high.empty() && static_cast<unsigned char>(high.back()) == 0xFF) high.pop_back();
+          if (!low.empty() && !high.empty()) {
+            high.back() = static_cast<char>(static_cast<unsigned char>(high.back()) + 1);
+            *out = "(" + operand.sql + " >= " + bind(Value(low)) + " AND " + operand.sql + " < " + bind(Value(high)) +
+                   " AND " + *out + ")";
+          }
+        }
+        return true;
       }
     }
     return false;
