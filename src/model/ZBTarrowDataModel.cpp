@@ -24,11 +24,13 @@ std::shared_ptr<NSEntityDescription> postEntity() {
   entity->addAttribute(ZBTarrowPinboardPostURLKey, Type::String, {.optional = false, .indexed = true});
   entity->addAttribute(ZBTarrowPinboardPostTitleKey, Type::String);
   entity->addAttribute(ZBTarrowPinboardPostDescKey, Type::String);
-  // Flags are indexed alone where the value asked for is rare among a
-  // user's bookmarks (starred, dead, dirty); the flags every collection
-  // count tests together share one compound index (below), which answers
-  // those counts without reading the table. The store keeps table
-  // statistics, so SQLite still prefers a date range to that index.
+  // Flags are indexed alone only where the value asked for is rare among a
+  // user's bookmarks (starred, dead, dirty): without table statistics SQLite
+  // prefers any equality index to a range, so an index led by "deleting",
+  // which every collection count tests for its common value NO, would turn
+  // the date range of a relative-date count into a walk over nearly every
+  // row. The flags the counts test share a covering index instead (below),
+  // which answers them without reading the table and is never a search key.
   entity->addAttribute(ZBTarrowPinboardPostDateKey, Type::Date, indexed());
   entity->addAttribute(ZBTarrowPinboardPostUnreadKey, Type::Boolean);
   entity->addAttribute(ZBTarrowPinboardPostSharedKey, Type::Boolean);
@@ -40,7 +42,7 @@ std::shared_ptr<NSEntityDescription> postEntity() {
   entity->addAttribute(ZBTarrowPinboardObjectDirtyKey, Type::Boolean, indexed());
   entity->addRelationship(ZBTarrowPinboardPostTagsKey, ZBTarrowPinboardTagEntityName,
                           {.toMany = true, .inverseName = ZBTarrowPinboardTagPostsKey});
-  entity->addCompoundIndex({ZBTarrowPinboardObjectDeletingKey, ZBTarrowPinboardPostSharedKey,
+  entity->addCoveringIndex({ZBTarrowPinboardObjectDeletingKey, ZBTarrowPinboardPostSharedKey,
                             ZBTarrowPinboardPostUnreadKey, ZBTarrowPinboardPostStarredKey,
                             ZBTarrowPinboardPostDeadKey});
   return entity;

@@ -71,3 +71,9 @@ void NSEntityDescription::addCompoundIndex(std::vector<std::string> attributeNam
   if (attributeNames.empty()) throw std::logic_error("a compound index of '" + _name + "' names no attribute");
   _compoundIndexes.push_back(std::move(attributeNames));
 }
+
+void NSEntityDescription::addCoveringIndex(std::vector<std::string> attributeNames) {
+  _checkMutable();
+  if (attributeNames.empty()) throw std::logic_error("a covering index of '" + _name + "' names no attribute");
+  _coveringIndexes.push_back(std::move(attributeNames));
+}

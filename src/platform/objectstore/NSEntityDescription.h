@@ -52,6 +52,12 @@ public:
   // unknown attribute throws std::logic_error (when the model is created).
   void addCompoundIndex(std::vector<std::string> attributeNames);
   const std::vector<std::vector<std::string>>& compoundIndexes() const { return _compoundIndexes; }
+  // A narrow copy of the attributes for scans that read nothing else
+  // (counting rows by flags reads a fraction of the table's pages). It is
+  // led by the row version, which no query tests, so SQLite never takes it
+  // for a search key in place of a selective index such as a date range.
+  void addCoveringIndex(std::vector<std::string> attributeNames);
+  const std::vector<std::vector<std::string>>& coveringIndexes() const { return _coveringIndexes; }
 
   // In the order they were added.
   const std::vector<std::shared_ptr<NSAttributeDescription>>& attributes() const { return _attributes; }
@@ -78,5 +84,6 @@ private:
   std::vector<std::shared_ptr<NSRelationshipDescription>> _relationships;
   std::unordered_map<std::string, NSPropertyDescription*> _byName;
   std::vector<std::vector<std::string>> _compoundIndexes;
+  std::vector<std::vector<std::string>> _coveringIndexes;
   bool _frozen = false;
 };

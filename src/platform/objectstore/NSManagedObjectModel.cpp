@@ -15,10 +15,12 @@ std::shared_ptr<NSManagedObjectModel> NSManagedObjectModel::create(
     }
   }
   for (auto& entity : entities) {
-    for (auto& index : entity->compoundIndexes()) {
-      for (auto& name : index) {
-        if (!entity->attributeNamed(name)) {
-          throw std::logic_error("a compound index of '" + entity->name() + "' names unknown attribute '" + name + "'");
+    for (auto* indexes : {&entity->compoundIndexes(), &entity->coveringIndexes()}) {
+      for (auto& index : *indexes) {
+        for (auto& name : index) {
+          if (!entity->attributeNamed(name)) {
+            throw std::logic_error("an index of '" + entity->name() + "' names unknown attribute '" + name + "'");
+          }
         }
       }
     }

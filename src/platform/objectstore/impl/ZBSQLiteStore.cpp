@@ -161,38 +161,9 @@ std::unique_ptr<ZBSQLiteStore> ZBSQLiteStore::open(const std::filesystem::path& 
   store->_counts = std::make_unique<ZBCountMemo>(*store->_db, store->_layouts);
   if (!store->_configure(options, error)) return nullptr;
   if (!store->_prepareSchema(options, error)) return nullptr;
-  store->_analyzeIfNeverAnalyzed();
   return store;
 }
 
-namespace {
-// Table statistics let SQLite weigh its indexes: without them it prefers
-// any equality index ("deleting = 0", true of nearly every row) to a narrow
-// range ("date >= ?"). They are refreshed after this many rows came or went.
-constexpr std::int64_t kRowsBetweenStatistics = 1000;
-}  // namespace
-
-void ZBSQLiteStore::_analyze() {
-  // Best effort: statistics only steer the query planner, and a store that
-  // is read-only or busy just keeps the ones it has (without waiting for
-  // another connection's lock).
-  sqlite3_busy_timeout(_db->handle(), 0);
-  _db->exec("ANALYZE", nullptr);
-  sqlite3_busy_timeout(_db->handle(), _busyTimeoutMilliseconds);
-  _rowsSinceStatistics = 0;
-}
-
-void ZBSQLiteStore::_analyzeIfNeverAnalyzed() {
-  auto analyzed = _db->prepare("SELECT 1 FROM sqlite_stat1 LIMIT 1", nullptr);
-  if (analyzed && analyzed->step() == SQLITE_ROW) return;
-  for (auto& [entity, layout] : _layouts) {
-    auto largest = _db->prepare("SELECT MAX(\"Z_PK\") FROM " + layout.table, nullptr);
-    if (largest && largest->step() == SQLITE_ROW && largest->int64(0) >= kRowsBetweenStatistics) {
-      _analyze();
-      return;
-    }
-  }
-}
 
 const ZBEntityLayout* ZBSQLiteStore::layout(const NSEntityDescription* entity) const {
   auto it = _layouts.find(entity);
@@ -276,7 +247,6 @@ bool ZBSQLiteStore::_configure(const OpenOptions& options, NSErrorPtr* error) {
   double timeout = options.busyTimeoutSeconds;
   int ms = timeout <= 0 ? 0 : timeout > 2e6 ? 2000000000 : static_cast<int>(timeout * 1000);
   sqlite3_busy_timeout(_db->handle(), ms);
-  _busyTimeoutMilliseconds = ms;
   ZBRegisterSQLFunctions(_db->handle());
   NSErrorPtr sqliteError;
   // A page cache big enough for a hundred thousand bookmarks (allocated as
@@ -328,15 +298,18 @@ std::vector<std::string> ZBSQLiteStore::_indexSQL() const {
       statements.push_back("CREATE INDEX IF NOT EXISTS " + indexName(entity->name(), attribute->name()) + " ON " +
                            layout.table + " (" + layout.attributeColumns[attribute->index()] + ")");
     }
-    for (auto& names : entity->compoundIndexes()) {
-      std::string name = entity->name();
-      std::string columns;
-      for (auto& attribute : names) {
-        name += "_" + attribute;
-        columns += (columns.empty() ? "" : ", ") + layout.attributeColumns[entity->attributeNamed(attribute)->index()];
+    for (auto* indexes : {&entity->compoundIndexes(), &entity->coveringIndexes()}) {
+      const bool covering = indexes == &entity->coveringIndexes();
+      for (auto& names : *indexes) {
+        std::string name = entity->name() + (covering ? "_covering" : "");
+        std::string columns = covering ? "\"Z_OPT\"" : "";
+        for (auto& attribute : names) {
+          name += "_" + attribute;
+          columns += (columns.empty() ? "" : ", ") + layout.attributeColumns[entity->attributeNamed(attribute)->index()];
+        }
+        statements.push_back("CREATE INDEX IF NOT EXISTS " + ZBSQLQuote("Z_" + name) + " ON " + layout.table + " (" +
+                             columns + ")");
       }
-      statements.push_back("CREATE INDEX IF NOT EXISTS " + ZBSQLQuote("Z_" + name) + " ON " + layout.table + " (" +
-                           columns + ")");
     }
     for (auto& r : layout.relationships) {
       if (r.kind == ZBRelationshipLayout::Kind::ForeignKey) {
@@ -993,7 +966,5 @@ bool ZBSQLiteStore::save(const std::vector<ZBObjectChange>& changes, std::vector
   if (!_counts->didWrite(counts, keyOf, error)) return false;
   if (!transaction.commit(NSPersistentStoreSaveError, error)) return false;
   _counts->didCommit(counts);
-  for (auto& change : changes) _rowsSinceStatistics += change.kind != ZBObjectChange::Kind::Update;
-  if (_rowsSinceStatistics >= kRowsBetweenStatistics) _analyze();
   return true;
 }

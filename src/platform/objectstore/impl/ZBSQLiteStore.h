@@ -117,8 +117,6 @@ public:
 
 private:
   bool _configure(const OpenOptions& options, NSErrorPtr* error);
-  void _analyze();
-  void _analyzeIfNeverAnalyzed();
   bool _prepareSchema(const OpenOptions& options, NSErrorPtr* error);
   bool _buildLayouts(NSErrorPtr* error);
   std::string _createTableSQL(const ZBEntityLayout& layout) const;
@@ -137,8 +135,6 @@ private:
   std::unordered_map<const NSEntityDescription*, ZBEntityLayout> _layouts;
   IDMaker _makeID;
   std::unique_ptr<ZBCountMemo> _counts;
-  int _busyTimeoutMilliseconds = 0;
-  std::int64_t _rowsSinceStatistics = 0;  // inserted or deleted since the last ANALYZE
 };
 
 // Keyed-archive coding of transformable attribute values.
