@@ -238,8 +238,12 @@ void BM_RecountAllCollectionsAfterOneMergedSave(benchmark::State& state) {
     }
   }
   if (std::getenv("ZB_BENCH_DETAIL")) {
-    // Where the time goes, collection by collection.
+    // Where the time goes, collection by collection, counting from scratch
+    // (another connection writes before each count).
+    sqlite3* other = nullptr;
+    sqlite3_open(f.pinboardFile.c_str(), &other);
     for (std::size_t i = 0; i < f.collections.size(); ++i) {
+      sqlite3_exec(other, "UPDATE PinboardPost SET dirty = 1 - dirty WHERE Z_PK = 1", nullptr, nullptr, nullptr);
       auto start = Clock::now();
       raw.count(i);
       const double sql = secondsSince(start);
@@ -248,6 +252,7 @@ void BM_RecountAllCollectionsAfterOneMergedSave(benchmark::State& state) {
       std::fprintf(stderr, "%-48s ours %7.2f ms  SQL %7.2f ms\n", collectionDefinitions()[i].format,
                    secondsSince(start) * 1000, sql * 1000);
     }
+    sqlite3_close(other);
   }
   double ours = 0, baseline = 0, saving = 0;
   int rounds = 0;
