@@ -377,6 +377,16 @@ Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
   return d;
 }
 
+Dictionary Dictionary::fromSortedEntries(std::vector<Entry> entries) {
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (entries[i].second.isAbsent() || (i > 0 && !(entries[i - 1].first < entries[i].first)))
+      return fromEntries(std::move(entries));
+  }
+  Dictionary d;
+  d._entries = std::move(entries);
+  return d;
+}
+
 std::vector<Dictionary::Entry>::iterator Dictionary::_find(std::string_view key) {
   auto it = std::lower_bound(_entries.begin(), _entries.end(), key,
                              [](const Entry& e, std::string_view k) { return e.first < k; });

@@ -70,6 +70,17 @@ TEST(Dictionary, KeepsKeysSortedUniqueAndDropsAbsentValues) {
   e.set("aa", "x");
   EXPECT_TRUE(d == e);
   EXPECT_EQ(Value(d).hash(), Value(e).hash());
+
+  // Entries handed over as sorted must still end up sorted, unique and
+  // present when they are not: lookups depend on it.
+  using Entries = std::vector<Dictionary::Entry>;
+  EXPECT_TRUE(Dictionary::fromSortedEntries(Entries{{"aa", "x"}, {"b", 3}, {"z", Value::null()}}) == d);
+  Dictionary unsorted = Dictionary::fromSortedEntries(Entries{{"z", Value::null()}, {"b", 2}, {"aa", "x"}, {"b", 3}});
+  EXPECT_TRUE(unsorted == d);
+  EXPECT_EQ(unsorted["b"], Value(3));
+  Dictionary holed = Dictionary::fromSortedEntries(Entries{{"aa", "x"}, {"ab", Value()}, {"b", 3}, {"z", Value::null()}});
+  EXPECT_FALSE(holed.contains("ab"));
+  EXPECT_TRUE(holed == d);
 }
 
 TEST(Dictionary, RandomEditsMatchAReferenceMap) {
