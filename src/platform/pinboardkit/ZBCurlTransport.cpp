@@ -14,20 +14,31 @@ struct EasyDeleter {
 };
 
 struct Exchange {
+  CURL* curl;
   ZBHTTPResponse* response;
   std::size_t maximum;
   const std::function<bool()>* cancelled;
+  const std::function<void(std::string_view)>* consumer;
+  std::size_t received = 0;
+  int streaming = -1;  // whether the body goes to the consumer; decided at its first byte
   bool tooLarge = false;
 };
 
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* context) {
   auto* x = static_cast<Exchange*>(context);
   std::size_t n = size * count;
-  if (x->response->body.size() + n > x->maximum) {
+  if (x->received + n > x->maximum) {
     x->tooLarge = true;
     return 0;  // makes curl stop with CURLE_WRITE_ERROR
   }
-  x->response->body.append(data, n);
+  x->received += n;
+  if (x->streaming < 0) {
+    long status = 0;
+    curl_easy_getinfo(x->curl, CURLINFO_RESPONSE_CODE, &status);
+    x->streaming = *x->consumer && status == 200;
+  }
+  if (x->streaming) (*x->consumer)(std::string_view(data, n));
+  else x->response->body.append(data, n);
   return n;
 }
 
@@ -46,7 +57,8 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* cont
     // Room for the whole body at once (and simdjson's padding after it),
     // instead of copying tens of megabytes as the string grows.
     unsigned long long length = std::strtoull(line.c_str() + sizeof contentLength - 1, nullptr, 10);
-    if (length > 0 && length <= x->maximum) x->response->body.reserve(static_cast<std::size_t>(length) + 64);
+    if (length > 0 && length <= x->maximum && !*x->consumer)
+      x->response->body.reserve(static_cast<std::size_t>(length) + 64);
   }
   return n;
 }
@@ -100,8 +112,8 @@ bool ZBCurlTransport::send(const ZBHTTPRequest& request, ZBHTTPResponse& respons
                                                         {NSURLErrorFailingURLStringErrorKey, withoutQuery(request.url)}}));
   };
   if (!curl) return fail(NSURLErrorUnknown, "The network library could not start a request.");
-  Exchange x{&response, request.maximumBodySize, &cancelled};
   CURL* c = curl.get();
+  Exchange x{c, &response, request.maximumBodySize, &cancelled, &request.bodyConsumer};
   curl_easy_setopt(c, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
@@ -112,6 +124,8 @@ bool ZBCurlTransport::send(const ZBHTTPRequest& request, ZBHTTPResponse& respons
   curl_easy_setopt(c, CURLOPT_ACCEPT_ENCODING, "gzip");
   curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout * 1000));
   curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectTimeout * 1000));
+  // A streamed answer is a long one: fewer, larger reads cost less.
+  if (request.bodyConsumer) curl_easy_setopt(c, CURLOPT_BUFFERSIZE, 256L * 1024);
   curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, onBody);
   curl_easy_setopt(c, CURLOPT_WRITEDATA, &x);
   curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, onHeader);

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/foundation/NSError.h"
 
@@ -17,6 +18,11 @@ struct ZBHTTPRequest {
   double timeout = 60;         // seconds for the whole exchange
   double connectTimeout = 15;  // seconds to connect
   std::size_t maximumBodySize = std::size_t(1) << 30;
+  // When set, the body of an HTTP 200 answer is handed to it piece by piece as
+  // it arrives, on the thread that called send(), instead of being collected
+  // in ZBHTTPResponse::body (which a transport that cannot stream fills as
+  // usual). Lets a caller read a long answer while it is still coming.
+  std::function<void(std::string_view piece)> bodyConsumer;
 };
 
 struct ZBHTTPResponse {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <system_error>
+#include <thread>
 
 #include "platform/foundation/NSURLError.h"
 #include "platform/foundation/ZBLocalizedString.h"
@@ -34,6 +36,7 @@ struct ZBPinboardClient::Call {
   double classInterval = 0;
   double timeout = 0;
   std::string basicUser, basicPassword;
+  std::function<void(std::string_view)> bodyConsumer;  // takes the body of the HTTP 200 answer as it arrives
 };
 
 namespace {
@@ -236,6 +239,7 @@ bool ZBPinboardClient::_perform(const Call& call, const ZBPinboardRequestOperati
     request.password = call.basicPassword;
     request.timeout = call.timeout > 0 ? call.timeout : s.timeout;
     request.connectTimeout = s.connectTimeout;
+    request.bodyConsumer = call.bodyConsumer;
     ZBHTTPResponse response;
     NSErrorPtr transportError;
     if (!_transport->send(request, response, cancelled, &transportError)) {
@@ -260,13 +264,15 @@ bool ZBPinboardClient::_perform(const Call& call, const ZBPinboardRequestOperati
       return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitUnauthorizedError, call.method, status));
     if (response.status != 200)
       return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitServerError, call.method, status));
-    body = std::move(response.body);
+    // A transport that does not stream collects the body instead.
+    if (call.bodyConsumer && !response.body.empty()) call.bodyConsumer(response.body);
+    else body = std::move(response.body);
     return true;
   }
 }
 
 bool ZBPinboardClient::_api(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
-                            std::string& body, NSErrorPtr* error) {
+                            std::string& body, NSErrorPtr* error, std::function<void(std::string_view)> bodyConsumer) {
   auto credentials = this->credentials();
   if (!credentials) return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method));
   const Settings s = _settings();
@@ -276,6 +282,7 @@ bool ZBPinboardClient::_api(const std::string& method, Params params, const ZBPi
   call.method = method;
   call.url = s.apiBase + method + query(params);
   call.requestClass = method;
+  call.bodyConsumer = std::move(bodyConsumer);
   if (method == "posts/all") {
     call.classInterval = s.allPostsInterval;
     call.timeout = s.allPostsTimeout;
@@ -364,11 +371,31 @@ ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTagsStartDate(
         if (!list.empty()) params.emplace_back("tag", joined(list));
         if (startDate) params.emplace_back("fromdt", serviceDate(startDate.asDate()));
         if (endDate) params.emplace_back("todt", serviceDate(endDate.asDate()));
-        std::string body;
-        if (!self->_api(method, std::move(params), op, body, error)) return Value();
+        // Tens of megabytes for a large account: the transfer runs on a
+        // thread of its own and hands the answer over as it arrives, while
+        // this one turns it into posts.
         auto credentials = self->credentials();
-        return ZBPinboardResponseParser::posts(body, credentials ? credentials->username() : std::string(), method,
-                                               error);
+        ZBPinboardPostListReader reader(credentials ? credentials->username() : std::string(), method);
+        bool transferred = false;
+        NSErrorPtr transferError;
+        auto transfer = [&] {
+          std::string body;
+          transferred = self->_api(method, std::move(params), op, body, &transferError,
+                                   [&reader](std::string_view piece) { reader.append(piece); });
+          reader.close();
+        };
+        std::thread thread;
+        try {
+          thread = std::thread(transfer);
+        } catch (const std::system_error&) {
+          transfer();  // no thread to be had: one after the other
+        }
+        NSErrorPtr readError;
+        Value posts = reader.finish(&readError);
+        if (thread.joinable()) thread.join();
+        if (!transferred) return fail(error, transferError);
+        if (!posts) ZBSetError(error, readError);
+        return posts;
       });
 }
 

@@ -131,9 +131,11 @@ private:
   // HTTP 200; false with the error otherwise.
   bool _perform(const Call& call, const ZBPinboardRequestOperation& operation, std::string& body,
                 NSErrorPtr* error);
-  // An authenticated API call returning the body, or false with the error.
+  // An authenticated API call returning the body (or handing it to
+  // bodyConsumer as it arrives), or false with the error.
   bool _api(const std::string& method, std::vector<std::pair<std::string, std::string>> params,
-            const ZBPinboardRequestOperation& operation, std::string& body, NSErrorPtr* error);
+            const ZBPinboardRequestOperation& operation, std::string& body, NSErrorPtr* error,
+            std::function<void(std::string_view)> bodyConsumer = nullptr);
   Operation _authenticate(const std::string& username, const std::string& secret, bool password);
   Operation _feed(std::string name, std::string path, bool secret, std::uint64_t count);
   Operation _sendPost(const Dictionary& properties, const char* name);

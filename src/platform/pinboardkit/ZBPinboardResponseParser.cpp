@@ -2,7 +2,12 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
 #include <charconv>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
 
 #include "platform/foundation/ZBMD5.h"
 #include "platform/pinboardkit/ZBPinboardKit.h"
@@ -78,7 +83,10 @@ Value tagArray(std::string_view text) {
   // Untagged posts share one empty list instead of allocating their own.
   static const Value none{Array()};
   if (text.empty()) return none;
+  std::size_t words = 1;
+  for (char c : text) words += c == ' ';
   Array tags;
+  tags.reserve(words);
   std::size_t i = 0;
   while (i < text.size()) {
     std::size_t j = text.find(' ', i);
@@ -86,59 +94,110 @@ Value tagArray(std::string_view text) {
     if (j > i) tags.emplace_back(text.substr(i, j - i));
     i = j + 1;
   }
+  if (tags.empty()) return none;
   return Value(std::move(tags));
 }
 
-// One post of the API. Entries go in in key order, so each set appends.
-bool post(element e, const Value& username, Dictionary& out, std::string& reason) {
+enum class PostField { Other, Href, Description, Extended, Meta, Hash, Time, Shared, Toread, Tags, Others };
+
+// Keys of the service's post objects; the length and first letter pick the
+// one candidate to compare with.
+PostField postField(std::string_view k) {
+  auto is = [&](std::string_view name, PostField f) { return k == name ? f : PostField::Other; };
+  switch (k.size()) {
+    case 4:
+      switch (k[0]) {
+        case 'h': return k[1] == 'r' ? is("href", PostField::Href) : is("hash", PostField::Hash);
+        case 'm': return is("meta", PostField::Meta);
+        case 't': return k[1] == 'i' ? is("time", PostField::Time) : is("tags", PostField::Tags);
+        default: return PostField::Other;
+      }
+    case 6:
+      switch (k[0]) {
+        case 's': return is("shared", PostField::Shared);
+        case 't': return is("toread", PostField::Toread);
+        case 'o': return is("others", PostField::Others);
+        default: return PostField::Other;
+      }
+    case 8: return is("extended", PostField::Extended);
+    case 11: return is("description", PostField::Description);
+    default: return PostField::Other;
+  }
+}
+
+// One post of the API.
+bool post(element e, const Value& username, Value& out, std::string& reason) {
   simdjson::dom::object o;
   if (e.get_object().get(o)) {
     reason = "a post is not an object";
     return false;
   }
-  Value dateV, desc, identifier, meta, others, shared, tags, title, unread, url;
+  // Views into the parsed document first; each value is then made once, in
+  // its place in the dictionary.
+  std::optional<std::string_view> url, title, desc, meta, identifier, tags;
+  std::optional<NSDate> dateV;
+  std::optional<std::int64_t> others;
+  Value shared, unread;
   for (auto field : o) {
-    std::string_view k = field.key;
     element v = field.value;
-    if (k == "href") {
-      if (auto s = string(v)) url = Value(*s);
-    } else if (k == "description") {
-      if (auto s = string(v)) title = Value(*s);
-    } else if (k == "extended") {
-      if (auto s = string(v)) desc = Value(*s);
-    } else if (k == "meta") {
-      if (auto s = string(v)) meta = Value(*s);
-    } else if (k == "hash") {
-      if (auto s = string(v)) identifier = Value(*s);
-    } else if (k == "time") {
-      if (auto d = date(v)) dateV = Value(*d);
-    } else if (k == "shared") {
-      shared = yesNo(v);
-    } else if (k == "toread") {
-      unread = yesNo(v);
-    } else if (k == "tags") {
-      if (auto s = string(v)) tags = tagArray(*s);
-    } else if (k == "others") {
-      if (auto n = count(v)) others = Value(*n);
+    switch (postField(field.key)) {
+      case PostField::Href:
+        if (auto s = string(v)) url = s;
+        break;
+      case PostField::Description:
+        if (auto s = string(v)) title = s;
+        break;
+      case PostField::Extended:
+        if (auto s = string(v)) desc = s;
+        break;
+      case PostField::Meta:
+        if (auto s = string(v)) meta = s;
+        break;
+      case PostField::Hash:
+        if (auto s = string(v)) identifier = s;
+        break;
+      case PostField::Time:
+        if (auto d = date(v)) dateV = d;
+        break;
+      case PostField::Shared: shared = yesNo(v); break;
+      case PostField::Toread: unread = yesNo(v); break;
+      case PostField::Tags:
+        if (auto s = string(v)) tags = s;
+        break;
+      case PostField::Others:
+        if (auto n = count(v)) others = n;
+        break;
+      case PostField::Other: break;
     }
   }
-  if (!url.isString() || url.asString().empty()) {
+  if (!url || url->empty()) {
     reason = "a post has no href";
     return false;
   }
-  if (!identifier.isString() || identifier.asString().empty()) identifier = Value(ZBMD5HexString(url.asString()));
-  out.reserve(11);
-  out.set(ZBPinboardPostDateKey, std::move(dateV));
-  out.set(ZBPinboardPostDescKey, std::move(desc));
-  out.set(ZBPinboardPostIdentifierKey, std::move(identifier));
-  out.set(ZBPinboardPostMetaKey, std::move(meta));
-  out.set(ZBPinboardPostOthersKey, std::move(others));
-  out.set(ZBPinboardPostSharedKey, std::move(shared));
-  out.set(ZBPinboardPostTagsKey, std::move(tags));
-  out.set(ZBPinboardPostTitleKey, std::move(title));
-  out.set(ZBPinboardPostUnreadKey, std::move(unread));
-  out.set(ZBPinboardPostURLKey, std::move(url));
-  out.set(ZBPinboardPostUsernameKey, username);
+  std::string hash;
+  if (!identifier || identifier->empty()) {
+    hash = ZBMD5HexString(*url);
+    identifier = hash;
+  }
+  // In key order, so the dictionary takes the entries as they are.
+  std::vector<Dictionary::Entry> entries;
+  entries.reserve(3 + !!dateV + !!desc + !!meta + !!others + !!shared + !!tags + !!title + !!unread);
+  auto add = [&entries](const std::string& key, auto&& value) {
+    entries.emplace_back(std::piecewise_construct, std::forward_as_tuple(key),
+                         std::forward_as_tuple(std::forward<decltype(value)>(value)));
+  };
+  if (dateV) add(ZBPinboardPostDateKey, *dateV);
+  if (desc) add(ZBPinboardPostDescKey, *desc);
+  add(ZBPinboardPostIdentifierKey, *identifier);
+  if (meta) add(ZBPinboardPostMetaKey, *meta);
+  if (others) add(ZBPinboardPostOthersKey, *others);
+  if (shared) add(ZBPinboardPostSharedKey, std::move(shared));
+  if (tags) add(ZBPinboardPostTagsKey, tagArray(*tags));
+  if (title) add(ZBPinboardPostTitleKey, *title);
+  if (unread) add(ZBPinboardPostUnreadKey, std::move(unread));
+  add(ZBPinboardPostURLKey, *url);
+  add(ZBPinboardPostUsernameKey, username);
+  out = Value(Dictionary::fromSortedEntries(std::move(entries)));
   return true;
 }
 
@@ -189,6 +248,147 @@ bool feedItem(element e, Dictionary& out, std::string& reason) {
   return true;
 }
 
+bool isSpace(char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+
+enum class Shape { Undecided, List, Other };
+
+// Whether text (an answer's first bytes) opens a bare list, and where its '['
+// is; undecided while there is nothing but a BOM and whitespace.
+Shape shapeOf(std::string_view text, std::size_t& bracket) {
+  static constexpr std::string_view bom = "\xef\xbb\xbf";
+  std::size_t i = 0;
+  if (text.substr(0, 3) == bom) i = 3;
+  else if (text.size() < 3 && bom.substr(0, text.size()) == text) return Shape::Undecided;
+  while (i < text.size() && isSpace(text[i])) ++i;
+  if (i == text.size()) return Shape::Undecided;
+  bracket = i;
+  return text[i] == '[' ? Shape::List : Shape::Other;
+}
+
+// Bytes of a bare list read at once: a run of posts this long fits in the
+// cache together with its parsed form.
+constexpr std::size_t kRunBytes = 256 * 1024;
+
+// Finds in text[from, end) a '}' followed by ',' and '{' (whitespace allowed
+// around the comma): where a post ends and the next begins. Sets cut after
+// the '}' and next on the '{'. Otherwise sets resume where a later search
+// (with more bytes) must start again. A '}' inside a string may look the
+// same; the run cut there does not parse, which the caller handles.
+bool boundary(const char* text, std::size_t from, std::size_t end, std::size_t& cut, std::size_t& next,
+              std::size_t& resume) {
+  std::size_t i = from;
+  while (i < end) {
+    const void* found = std::memchr(text + i, '}', end - i);
+    if (!found) break;
+    const std::size_t b = static_cast<std::size_t>(static_cast<const char*>(found) - text);
+    std::size_t j = b + 1;
+    while (j < end && isSpace(text[j])) ++j;
+    if (j < end && text[j] == ',') {
+      ++j;
+      while (j < end && isSpace(text[j])) ++j;
+      if (j < end && text[j] == '{') {
+        cut = b + 1;
+        next = j;
+        return true;
+      }
+    }
+    if (j == end) {  // undecided until more bytes come
+      resume = b;
+      return false;
+    }
+    i = b + 1;
+  }
+  resume = end;
+  return false;
+}
+
+// Parses text[slot, cut) as a list into document: the byte at slot stands in
+// for its '[' and, unless final, the byte at cut for its ']'. Both are given
+// back afterwards (the document holds copies of the strings). text needs
+// SIMDJSON_PADDING bytes of room after the list.
+simdjson::error_code parseRun(simdjson::dom::parser& parser, simdjson::dom::document& document, char* text,
+                              std::size_t slot, std::size_t cut, bool final) {
+  const char open = text[slot];
+  const char close = final ? '\0' : text[cut];
+  text[slot] = '[';
+  if (!final) text[cut] = ']';
+  const std::size_t length = (final ? cut : cut + 1) - slot;
+  simdjson::dom::array list;
+  auto error = parser.parse_into_document(document, reinterpret_cast<const std::uint8_t*>(text + slot), length, false)
+                   .get_array()
+                   .get(list);
+  text[slot] = open;
+  if (!final) text[cut] = close;
+  return error;
+}
+
+// The posts of a bare list, read run by run with one small parser: a parser
+// sized for a whole account would touch hundreds of megabytes of fresh
+// memory, one sized for a run stays in the cache. Runs are cut where a post
+// ends; if a cut turns out to be inside a string (the run does not parse),
+// the rest of the list is read in one piece at the end instead.
+class PostList {
+public:
+  explicit PostList(const std::string& username) : _owner(username) {}
+
+  // text[slot] is the list's '[' or the separator before the first unread
+  // post, text[slot + 1, end) the bytes at hand, and text has
+  // SIMDJSON_PADDING bytes of room after end. Reads the runs of complete
+  // posts at hand (all of the rest when final, which must then end the list)
+  // and returns the slot of what is left. Leaves the bytes as they were.
+  std::size_t read(char* text, std::size_t slot, std::size_t end, bool final) {
+    while (_reason.empty() && !_whole) {
+      std::size_t cut, next, resume;
+      if (!boundary(text, std::max(slot + 1 + kRunBytes, slot + _searched), end, cut, next, resume)) {
+        _searched = resume - slot;
+        break;
+      }
+      if (parseRun(_parser, _document, text, slot, cut, false)) {
+        _whole = true;
+        break;
+      }
+      if (!add(_document.root())) break;
+      slot = next - 1;
+      _searched = 0;
+    }
+    if (final && _reason.empty()) {
+      if (auto error = parseRun(_parser, _document, text, slot, end, true)) _reason = simdjson::error_message(error);
+      else add(_document.root());
+    }
+    return slot;
+  }
+
+  // Adds the posts of a parsed list; false (with the reason) when it holds
+  // something other than posts.
+  bool add(element list) {
+    simdjson::dom::array posts;
+    if (!_reason.empty() || list.get_array().get(posts)) return false;
+    for (element e : posts) {
+      Value p;
+      if (!post(e, _owner, p, _reason)) return false;
+      _posts.push_back(std::move(p));
+    }
+    return true;
+  }
+
+  bool failed() const { return !_reason.empty(); }
+
+  // The posts, or absent and a malformed-response error.
+  Value result(const std::string& method, NSErrorPtr* error) {
+    if (failed()) return malformed(method, error, _reason);
+    return Value(std::move(_posts));
+  }
+
+private:
+  simdjson::dom::parser _parser;
+  simdjson::dom::document _document;
+  const Value _owner;
+  Array _posts;
+  std::string _reason;        // why the answer is malformed, once known
+  bool _whole = false;        // a cut run did not parse: the rest goes in one piece
+  std::size_t _searched = 0;  // bytes after the slot known to hold no cut
+};
+
 }  // namespace
 
 Value ZBPinboardResponseParser::updateTime(std::string& body, const std::string& method, NSErrorPtr* error) {
@@ -205,25 +405,171 @@ Value ZBPinboardResponseParser::updateTime(std::string& body, const std::string&
 
 Value ZBPinboardResponseParser::posts(std::string& body, const std::string& username, const std::string& method,
                                       NSErrorPtr* error) {
+  std::size_t bracket = 0;
+  if (shapeOf(body, bracket) == Shape::List) {
+    body.reserve(body.size() + simdjson::SIMDJSON_PADDING);
+    PostList list(username);
+    list.read(body.data(), bracket, body.size(), true);
+    return list.result(method, error);
+  }
+  // An envelope {"posts": […]} (posts/get, posts/recent), or no list at all.
   simdjson::dom::parser parser;
   element root;
   std::string reason;
   if (!parse(body, parser, root, reason)) return malformed(method, error, reason);
   simdjson::dom::array list;
-  if (root.get_array().get(list)) {
-    element inner;
-    if (root.at_key("posts").get(inner) || inner.get_array().get(list))
-      return malformed(method, error, "neither a list of posts nor an envelope with posts");
-  }
+  element inner;
+  if (root.at_key("posts").get(inner) || inner.get_array().get(list))
+    return malformed(method, error, "neither a list of posts nor an envelope with posts");
   const Value owner(username);
   Array out;
   out.reserve(list.size());
   for (element e : list) {
-    Dictionary d;
-    if (!post(e, owner, d, reason)) return malformed(method, error, reason);
-    out.emplace_back(std::move(d));
+    Value p;
+    if (!post(e, owner, p, reason)) return malformed(method, error, reason);
+    out.push_back(std::move(p));
   }
   return Value(std::move(out));
+}
+
+// ---- ZBPinboardPostListReader ----
+//
+// The appending side cuts a bare list into runs and parses each into a
+// document; the reading side turns the documents into posts, so that the
+// dictionaries are allocated on the thread that asked for them. Documents go
+// back to the appending side once read: fresh memory costs more than
+// parsing. Should a cut turn out to be inside a string (the run does not
+// parse), the rest of the list goes to the reading side whole.
+
+namespace {
+
+struct Piece {
+  enum class Kind { Run, Rest, Whole };
+  Kind kind = Kind::Run;
+  std::unique_ptr<simdjson::dom::document> document;  // Run: a run of posts
+  std::string text;      // Rest: the end of the list, text[slot] its slot; Whole: the whole answer
+  std::size_t slot = 0;
+};
+
+}  // namespace
+
+struct ZBPinboardPostListReader::State {
+  State(std::string username, std::string method)
+      : username(std::move(username)), method(std::move(method)), list(this->username) {}
+
+  std::unique_ptr<simdjson::dom::document> spareDocument() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (documents.empty()) return std::make_unique<simdjson::dom::document>();
+    auto d = std::move(documents.back());
+    documents.pop_back();
+    return d;
+  }
+
+  void ship(Piece piece) {
+    bool idle;
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      // While the reading side is at work, stay a few runs ahead of it: the
+      // answer waits on the wire instead of in memory. Before it starts (or
+      // when both sides are one thread) there is nobody to wait for.
+      if (piece.kind == Piece::Kind::Run) room.wait(lock, [&] { return !reading || pieces.size() < kRunsAhead; });
+      idle = pieces.empty();  // the reading side waits only when there is nothing to take
+      pieces.push_back(std::move(piece));
+    }
+    if (idle) arrived.notify_one();
+  }
+
+  static constexpr std::size_t kRunsAhead = 8;
+
+  const std::string username, method;
+
+  // Appending side.
+  std::string text;  // bytes not cut off yet
+  Shape shape = Shape::Undecided;
+  std::size_t slot = 0;      // List: the slot of the first post in text
+  std::size_t searched = 0;  // bytes after the slot known to hold no cut
+  bool whole = false;        // a cut did not parse: the rest goes in one piece
+  simdjson::dom::parser parser;
+
+  std::mutex mutex;
+  std::condition_variable arrived, room;
+  std::deque<Piece> pieces;                                         // guarded by mutex
+  bool reading = false;                                             // guarded by mutex: finish() has begun
+  std::vector<std::unique_ptr<simdjson::dom::document>> documents;  // guarded by mutex: read, to use again
+
+  // Reading side.
+  PostList list;
+};
+
+ZBPinboardPostListReader::ZBPinboardPostListReader(std::string username, std::string method)
+    : _state(std::make_unique<State>(std::move(username), std::move(method))) {}
+
+ZBPinboardPostListReader::~ZBPinboardPostListReader() = default;
+
+void ZBPinboardPostListReader::append(std::string_view bytes) {
+  State& s = *_state;
+  s.text.append(bytes);
+  if (s.shape == Shape::Undecided) s.shape = shapeOf(s.text, s.slot);
+  if (s.shape != Shape::List || s.whole) return;
+  while (s.text.size() - s.slot > kRunBytes) {
+    std::size_t cut, next, resume;
+    if (!boundary(s.text.data(), std::max(s.slot + 1 + kRunBytes, s.slot + s.searched), s.text.size(), cut, next,
+                  resume)) {
+      s.searched = resume - s.slot;
+      break;
+    }
+    if (s.text.capacity() < cut + 1 + simdjson::SIMDJSON_PADDING) s.text.reserve(cut + 1 + simdjson::SIMDJSON_PADDING);
+    auto document = s.spareDocument();
+    if (parseRun(s.parser, *document, s.text.data(), s.slot, cut, false)) {
+      s.whole = true;
+      break;
+    }
+    s.ship(Piece{Piece::Kind::Run, std::move(document), {}, 0});
+    s.slot = next - 1;
+    s.searched = 0;
+  }
+  if (!s.whole && s.slot >= kRunBytes) {
+    s.text.erase(0, s.slot);  // what is left is shorter than what was cut off
+    s.slot = 0;
+  }
+}
+
+void ZBPinboardPostListReader::close() {
+  State& s = *_state;
+  Piece last{s.shape == Shape::List ? Piece::Kind::Rest : Piece::Kind::Whole, nullptr, std::move(s.text), s.slot};
+  s.text = std::string();
+  s.ship(std::move(last));
+}
+
+Value ZBPinboardPostListReader::finish(NSErrorPtr* error) {
+  State& s = *_state;
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.reading = true;
+  }
+  for (;;) {
+    Piece piece;
+    {
+      std::unique_lock<std::mutex> lock(s.mutex);
+      s.arrived.wait(lock, [&] { return !s.pieces.empty(); });
+      piece = std::move(s.pieces.front());
+      s.pieces.pop_front();
+    }
+    s.room.notify_one();
+    switch (piece.kind) {
+      case Piece::Kind::Run: {
+        s.list.add(piece.document->root());
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.documents.push_back(std::move(piece.document));
+        continue;
+      }
+      case Piece::Kind::Rest:
+        piece.text.reserve(piece.text.size() + simdjson::SIMDJSON_PADDING);
+        s.list.read(piece.text.data(), piece.slot, piece.text.size(), true);
+        return s.list.result(s.method, error);
+      case Piece::Kind::Whole: return ZBPinboardResponseParser::posts(piece.text, s.username, s.method, error);
+    }
+  }
 }
 
 Value ZBPinboardResponseParser::feed(std::string& body, const std::string& method, NSErrorPtr* error) {
