@@ -265,9 +265,6 @@ Shape shapeOf(std::string_view text, std::size_t& bracket) {
   return text[i] == '[' ? Shape::List : Shape::Other;
 }
 
-// Bytes of a bare list read at once: a run of posts this long fits in the
-// cache together with its parsed form.
-constexpr std::size_t kRunBytes = 256 * 1024;
 
 // Finds in text[from, end) a '}' followed by ',' and '{' (whitespace allowed
 // around the comma): where a post ends and the next begins. Sets cut after
@@ -329,7 +326,7 @@ simdjson::error_code parseRun(simdjson::dom::parser& parser, simdjson::dom::docu
 // the rest of the list is read in one piece at the end instead.
 class PostList {
 public:
-  explicit PostList(const std::string& username) : _owner(username) {}
+  PostList(const std::string& username, std::size_t runBytes) : _owner(username), _runBytes(runBytes) {}
 
   // text[slot] is the list's '[' or the separator before the first unread
   // post, text[slot + 1, end) the bytes at hand, and text has
@@ -339,7 +336,7 @@ public:
   std::size_t read(char* text, std::size_t slot, std::size_t end, bool final) {
     while (_reason.empty() && !_whole) {
       std::size_t cut, next, resume;
-      if (!boundary(text, std::max(slot + 1 + kRunBytes, slot + _searched), end, cut, next, resume)) {
+      if (!boundary(text, std::max(slot + 1 + _runBytes, slot + _searched), end, cut, next, resume)) {
         _searched = resume - slot;
         break;
       }
@@ -383,6 +380,7 @@ private:
   simdjson::dom::parser _parser;
   simdjson::dom::document _document;
   const Value _owner;
+  const std::size_t _runBytes;
   Array _posts;
   std::string _reason;        // why the answer is malformed, once known
   bool _whole = false;        // a cut run did not parse: the rest goes in one piece
@@ -408,7 +406,7 @@ Value ZBPinboardResponseParser::posts(std::string& body, const std::string& user
   std::size_t bracket = 0;
   if (shapeOf(body, bracket) == Shape::List) {
     body.reserve(body.size() + simdjson::SIMDJSON_PADDING);
-    PostList list(username);
+    PostList list(username, ZBPinboardPostListReader::kDefaultRunBytes);
     list.read(body.data(), bracket, body.size(), true);
     return list.result(method, error);
   }
@@ -454,8 +452,8 @@ struct Piece {
 }  // namespace
 
 struct ZBPinboardPostListReader::State {
-  State(std::string username, std::string method)
-      : username(std::move(username)), method(std::move(method)), list(this->username) {}
+  State(std::string username, std::string method, std::size_t runBytes)
+      : username(std::move(username)), method(std::move(method)), runBytes(runBytes), list(this->username, runBytes) {}
 
   std::unique_ptr<simdjson::dom::document> spareDocument() {
     std::lock_guard<std::mutex> lock(mutex);
@@ -482,6 +480,7 @@ struct ZBPinboardPostListReader::State {
   static constexpr std::size_t kRunsAhead = 8;
 
   const std::string username, method;
+  const std::size_t runBytes;
 
   // Appending side.
   std::string text;  // bytes not cut off yet
@@ -501,8 +500,8 @@ struct ZBPinboardPostListReader::State {
   PostList list;
 };
 
-ZBPinboardPostListReader::ZBPinboardPostListReader(std::string username, std::string method)
-    : _state(std::make_unique<State>(std::move(username), std::move(method))) {}
+ZBPinboardPostListReader::ZBPinboardPostListReader(std::string username, std::string method, std::size_t runBytes)
+    : _state(std::make_unique<State>(std::move(username), std::move(method), std::max<std::size_t>(runBytes, 1))) {}
 
 ZBPinboardPostListReader::~ZBPinboardPostListReader() = default;
 
@@ -511,9 +510,9 @@ void ZBPinboardPostListReader::append(std::string_view bytes) {
   s.text.append(bytes);
   if (s.shape == Shape::Undecided) s.shape = shapeOf(s.text, s.slot);
   if (s.shape != Shape::List || s.whole) return;
-  while (s.text.size() - s.slot > kRunBytes) {
+  while (s.text.size() - s.slot > s.runBytes) {
     std::size_t cut, next, resume;
-    if (!boundary(s.text.data(), std::max(s.slot + 1 + kRunBytes, s.slot + s.searched), s.text.size(), cut, next,
+    if (!boundary(s.text.data(), std::max(s.slot + 1 + s.runBytes, s.slot + s.searched), s.text.size(), cut, next,
                   resume)) {
       s.searched = resume - s.slot;
       break;
@@ -528,7 +527,7 @@ void ZBPinboardPostListReader::append(std::string_view bytes) {
     s.slot = next - 1;
     s.searched = 0;
   }
-  if (!s.whole && s.slot >= kRunBytes) {
+  if (!s.whole && s.slot >= s.runBytes) {
     s.text.erase(0, s.slot);  // what is left is shorter than what was cut off
     s.slot = 0;
   }

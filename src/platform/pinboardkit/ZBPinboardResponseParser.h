@@ -62,8 +62,13 @@ public:
 // bytes.
 class ZBPinboardPostListReader {
 public:
-  // username becomes every post's "username"; method names the request in errors.
-  ZBPinboardPostListReader(std::string username, std::string method);
+  // A run of posts this long fits in the cache together with its parsed form.
+  static constexpr std::size_t kDefaultRunBytes = 256 * 1024;
+
+  // username becomes every post's "username"; method names the request in
+  // errors; runBytes is about how much of the list is cut off and parsed at
+  // once (small values exercise the cutting in tests).
+  ZBPinboardPostListReader(std::string username, std::string method, std::size_t runBytes = kDefaultRunBytes);
   ~ZBPinboardPostListReader();
   ZBPinboardPostListReader(const ZBPinboardPostListReader&) = delete;
   ZBPinboardPostListReader& operator=(const ZBPinboardPostListReader&) = delete;

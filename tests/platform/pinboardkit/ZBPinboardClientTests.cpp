@@ -2,7 +2,9 @@
 #include <set>
 
 #include "PinboardClientTestSupport.h"
+#include "pinboard-sim/Wire.h"
 #include "platform/foundation/ZBMD5.h"
+#include "platform/pinboardkit/ZBPinboardResponseParser.h"
 
 using pinboard_sim::Bookmark;
 
@@ -189,6 +191,59 @@ TEST_F(PinboardClientTest, PostListsArriveInTheModelsVocabulary) {
   Value updated = run(client->retrieveLastPostUpdateDate());
   ASSERT_TRUE(updated.isDate());
   EXPECT_EQ(updated.asDate(), NSDate::dateWithTimeIntervalSince1970(static_cast<double>(sim.updateTime("alice"))));
+}
+
+// Over a megabyte: the list is cut into several runs while it arrives, also
+// when the transfer decompresses it piece by piece.
+TEST_F(PinboardClientTest, ALongListReadWhileItArrivesHoldsEveryBookmark) {
+  signIn();
+  ASSERT_TRUE(sim.generateBookmarks("alice", 2500));
+  const std::vector<Bookmark> marks = sim.bookmarks("alice");
+  for (int mask = 0; mask < 4; ++mask) {
+    pinboard_sim::Quirks q;
+    q.gzip = mask & 1;
+    q.byteOrderMark = q.escapeNonASCII = q.includeOthers = mask & 2;
+    sim.setQuirks(q);
+    Value all = run(client->retrieveAllPostsWithTags(Value()));
+    ASSERT_EQ(all.count(), marks.size()) << mask;
+    for (std::size_t i = 0; i < marks.size(); ++i) {
+      const Dictionary& p = dict(all.asArray()[i]);
+      ASSERT_EQ(p[ZBPinboardPostURLKey], Value(marks[i].url)) << mask << " " << i;
+      ASSERT_EQ(p[ZBPinboardPostIdentifierKey], Value(marks[i].hash)) << i;
+      ASSERT_EQ(p[ZBPinboardPostTitleKey], Value(marks[i].title)) << i;
+      ASSERT_EQ(p[ZBPinboardPostDescKey], Value(marks[i].extended)) << i;
+      ASSERT_EQ(strings(p[ZBPinboardPostTagsKey]), marks[i].tags) << i;
+      ASSERT_EQ(p[ZBPinboardPostOthersKey], q.includeOthers && marks[i].others ? Value(*marks[i].others) : Value()) << i;
+    }
+  }
+}
+
+// A transport that cannot stream hands the whole answer back at once.
+class WholeAnswerTransport final : public ZBHTTPTransport {
+public:
+  explicit WholeAnswerTransport(std::string body) : _body(std::move(body)) {}
+  bool send(const ZBHTTPRequest&, ZBHTTPResponse& response, const std::function<bool()>&, NSErrorPtr*) override {
+    response.status = 200;
+    response.body = _body;
+    return true;
+  }
+
+private:
+  const std::string _body;
+};
+
+TEST_F(PinboardClientTest, AWholeAnswerFromATransportThatCannotStreamIsReadTheSame) {
+  ASSERT_TRUE(sim.generateBookmarks("alice", 2500));
+  std::vector<const Bookmark*> posts;
+  const std::vector<Bookmark> marks = sim.bookmarks("alice");
+  for (const Bookmark& b : marks) posts.push_back(&b);
+  std::string body = pinboard_sim::frame(pinboard_sim::postsArray(posts, pinboard_sim::Quirks()), {}, "\t");
+  auto whole = ZBPinboardClient::create(defaults, std::make_shared<WholeAnswerTransport>(body));
+  whole->setCredentials(ZBPinboardCredentials::create("alice", secret));
+  Value all = run(whole->retrieveAllPostsWithTags(Value()));
+  ASSERT_EQ(all.count(), marks.size());
+  EXPECT_EQ(all, ZBPinboardResponseParser::posts(body, "alice", "posts/all"));
+  EXPECT_EQ(dict(all.asArray().back())[ZBPinboardPostURLKey], Value(marks.back().url));
 }
 
 TEST_F(PinboardClientTest, EveryWireQuirkReadsTheSame) {
