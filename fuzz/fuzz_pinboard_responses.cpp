@@ -1,5 +1,6 @@
 // Arbitrary bytes as answers of the Pinboard service: every reader either
-// yields a well-formed value or a malformed-response error, and never crashes.
+// yields a well-formed value or a malformed-response error, and never crashes;
+// the full list read piece by piece comes out as it does read whole.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -34,8 +35,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   {
     std::string body = bytes;
     NSErrorPtr error;
-    checkPosts(P::posts(body, "user", "posts/all", &error), error);
+    const Value whole = P::posts(body, "user", "posts/all", &error);
+    checkPosts(whole, error);
     if (body != bytes) std::abort();  // the caller's bytes stay as they were
+    // Read piece by piece, cut into small runs, it must come out the same.
+    ZBPinboardPostListReader reader("user", "posts/all", size ? 1 + data[0] % 97 : 1);
+    for (std::size_t i = 0, n; i < size; i += n) {
+      n = 1 + (data[i] * 7u + i) % 61;
+      reader.append(std::string_view(bytes).substr(i, n));
+    }
+    reader.close();
+    NSErrorPtr piecesError;
+    const Value pieces = reader.finish(&piecesError);
+    checkPosts(pieces, piecesError);
+    if (bool(pieces) != bool(whole) || (whole && !(pieces == whole))) std::abort();
   }
   {
     std::string body = bytes;
