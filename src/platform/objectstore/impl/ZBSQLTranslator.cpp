@@ -481,7 +481,7 @@ private:
                                : op == NSPredicateOperatorType::Contains ? "zb_contains"
                                : op == NSPredicateOperatorType::Like     ? "zb_like"
                                                                          : "zb_matches";
-        if (!stringFunction(function, operand, options, constant, out)) return false;
+        std::string range;
         if (op == NSPredicateOperatorType::BeginsWith && flags == 0 && operand.sql.front() != '(') {
           // A literal prefix is also a range of the column's binary order,
           // which lets an index on the column find the candidates.
@@ -490,10 +490,14 @@ private:
           while (!high.empty() && static_cast<unsigned char>(high.back()) == 0xFF) high.pop_back();
           if (!low.empty() && !high.empty()) {
             high.back() = static_cast<char>(static_cast<unsigned char>(high.back()) + 1);
-            *out = "(" + operand.sql + " >= " + bind(Value(low)) + " AND " + operand.sql + " < " + bind(Value(high)) +
-                   " AND " + *out + ")";
+            // Parameters are bound in the order they are made: SQL order.
+            range = operand.sql + " >= " + bind(Value(low));
+            range += " AND " + operand.sql + " < " + bind(Value(high)) + " AND ";
           }
         }
+        std::string test;
+        if (!stringFunction(function, operand, options, constant, &test)) return false;
+        *out = range.empty() ? test : "(" + range + test + ")";
         return true;
       }
     }
