@@ -6,7 +6,9 @@
 //  - BM_FullListThroughClient: the client's posts/all request, end to end
 //    (transfer, parse, dictionaries). Counters: ratio_vs_baseline,
 //    transfer_ratio (a bare libcurl fetch of the same URL against the same
-//    baseline), peak_rss_mb (the process's high-water mark so far).
+//    baseline), peak_rss_mb (the process's high-water mark so far, simulator
+//    and baseline included), request_rss_mb (how far the resident set rose
+//    during one request, posts included; Linux only).
 //  - BM_FullListParseOnly: ZBPinboardResponseParser::posts on bytes already in
 //    memory, against the same baseline: the price of the dictionaries alone.
 //
@@ -17,9 +19,11 @@
 #include <simdjson.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 
 #include "pinboard-sim/Simulator.h"
@@ -39,6 +43,18 @@ double peakRSSMegabytes() {
   getrusage(RUSAGE_SELF, &usage);
   return static_cast<double>(usage.ru_maxrss) / 1024.0;  // kilobytes on Linux
 }
+
+// A line of /proc/self/status ("VmRSS", "VmHWM") in megabytes, or -1.
+double statusMegabytes(const std::string& field) {
+  std::ifstream in("/proc/self/status");
+  for (std::string line; std::getline(in, line);)
+    if (line.compare(0, field.size() + 1, field + ":") == 0) return std::atof(line.c_str() + field.size() + 1) / 1024.0;
+  return -1;
+}
+
+// Starts the high-water mark of the resident set afresh (Linux), so that it
+// tells what one request needed; false where that cannot be done.
+bool resetPeakRSS() { return static_cast<bool>(std::ofstream("/proc/self/clear_refs") << "5"); }
 
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* out) {
   static_cast<std::string*>(out)->append(data, size * count);
@@ -106,22 +122,27 @@ double bareParse(const std::string& bytes, std::size_t& elements) {
 
 void BM_FullListThroughClient(benchmark::State& state) {
   Fixture& f = fixture();
-  double measured = 0, baseline = 0, transfer = 0;
+  double measured = 0, baseline = 0, transfer = 0, requestRSS = 0;
   for (auto _ : state) {
     std::size_t elements = 0;
     baseline += bareParse(f.bytes, elements);
 
     auto start = Clock::now();
-    std::string raw = fetch(f.url);
-    transfer += secondsSince(start);
-    benchmark::DoNotOptimize(raw.data());
+    {
+      std::string raw = fetch(f.url);
+      transfer += secondsSince(start);
+      benchmark::DoNotOptimize(raw.data());
+    }
 
+    const double before = statusMegabytes("VmRSS");
+    const bool peakReset = resetPeakRSS();
     start = Clock::now();
     auto op = f.client->retrieveAllPostsWithTags(Value());
     op->start();
     NSErrorPtr error;
     Value posts = op->completionProvider()(&error);
     measured += secondsSince(start);
+    if (peakReset) requestRSS = std::max(requestRSS, statusMegabytes("VmHWM") - before);
     if (posts.count() != kBookmarks || elements != kBookmarks) {
       state.SkipWithError(error ? error->localizedDescription().c_str() : "wrong number of posts");
       return;
@@ -133,6 +154,7 @@ void BM_FullListThroughClient(benchmark::State& state) {
   state.counters["baseline_ms"] = 1000 * baseline / static_cast<double>(state.iterations());
   state.counters["body_mb"] = static_cast<double>(f.bytes.size()) / (1024.0 * 1024.0);
   state.counters["peak_rss_mb"] = peakRSSMegabytes();
+  if (requestRSS > 0) state.counters["request_rss_mb"] = requestRSS;
 }
 BENCHMARK(BM_FullListThroughClient)->Unit(benchmark::kMillisecond)->Iterations(5);
 

@@ -75,7 +75,10 @@ public:
   Operation retrieveLastPostUpdateDate();
   // Result: Array of post dictionaries saved between startDate and endDate,
   // both included (each an NSDate, or absent for no bound). tags: absent for
-  // all, else an array or set of at most three strings.
+  // all, else an array or set of at most three strings. The answer (tens of
+  // megabytes for a large account) is read while it arrives: the transfer
+  // runs on a thread of its own and the dictionaries are built on the
+  // operation's thread.
   Operation retrieveAllPostsWithTagsStartDate(const Value& tags, const Value& startDate, const Value& endDate);
   // Result: Array of all the user's post dictionaries (newest first).
   Operation retrieveAllPostsWithTags(const Value& tags);

@@ -50,20 +50,51 @@ std::optional<std::string_view> string(element e) {
   return s;
 }
 
+// "YYYY-MM-DDTHH:MM:SSZ", the form the service writes, read directly; any
+// other text goes to the general reader, which also has the last word on a
+// date this one finds out of range.
+std::optional<NSDate> serviceDate(std::string_view s) {
+  auto at = [&](std::size_t i, std::size_t n) {
+    int v = 0;
+    for (std::size_t k = i; k < i + n; ++k) {
+      if (s[k] < '0' || s[k] > '9') return -1;
+      v = v * 10 + (s[k] - '0');
+    }
+    return v;
+  };
+  if (s.size() != 20 || s[4] != '-' || s[7] != '-' || s[10] != 'T' || s[13] != ':' || s[16] != ':' || s[19] != 'Z')
+    return NSDate::dateFromISO8601String(s);
+  const int y = at(0, 4), m = at(5, 2), d = at(8, 2), h = at(11, 2), mi = at(14, 2), sec = at(17, 2);
+  static constexpr int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (y < 0 || m < 1 || m > 12 || d < 1 || h < 0 || h > 23 || mi < 0 || mi > 59 || sec < 0 || sec > 59 ||
+      d > kDays[m - 1] + (m == 2 && y % 4 == 0 && (y % 100 != 0 || y % 400 == 0)))
+    return NSDate::dateFromISO8601String(s);
+  // Days since 1970-01-01 of a proleptic Gregorian date (Howard Hinnant's
+  // days_from_civil).
+  const int yy = y - (m <= 2);
+  const int era = (yy >= 0 ? yy : yy - 399) / 400;
+  const int yoe = yy - era * 400;
+  const int doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  const int doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  const std::int64_t days = std::int64_t(era) * 146097 + doe - 719468;
+  constexpr std::int64_t kReferenceDays = 11323;  // 1970-01-01 to 2001-01-01
+  return NSDate(static_cast<double>((days - kReferenceDays) * 86400 + h * 3600 + mi * 60 + sec));
+}
+
 std::optional<NSDate> date(element e) {
   auto s = string(e);
   if (!s) return std::nullopt;
-  return NSDate::dateFromISO8601String(*s);
+  return serviceDate(*s);
 }
 
 // "yes"/"no" as the service writes them; real JSON booleans are accepted too.
-Value yesNo(element e) {
+std::optional<bool> yesNo(element e) {
   bool b;
-  if (!e.get_bool().get(b)) return Value(b);
+  if (!e.get_bool().get(b)) return b;
   auto s = string(e);
-  if (s == "yes") return Value(true);
-  if (s == "no") return Value(false);
-  return Value();
+  if (s == "yes") return true;
+  if (s == "no") return false;
+  return std::nullopt;
 }
 
 // A count sent as a number or as a numeric string.
@@ -125,79 +156,99 @@ PostField postField(std::string_view k) {
   }
 }
 
-// One post of the API.
-bool post(element e, const Value& username, Value& out, std::string& reason) {
+// What a post of the API says, as views into its parsed document.
+struct PostFields {
+  std::optional<std::string_view> url, title, desc, meta, identifier, tags;
+  std::optional<NSDate> date;
+  std::optional<std::int64_t> others;
+  std::optional<bool> shared, unread;
+  std::string hash;  // the identifier when the service sent none
+};
+
+// Reads one post into f; false (with the reason) for anything but a post.
+bool postFields(element e, PostFields& f, std::string& reason) {
   simdjson::dom::object o;
   if (e.get_object().get(o)) {
     reason = "a post is not an object";
     return false;
   }
-  // Views into the parsed document first; each value is then made once, in
-  // its place in the dictionary.
-  std::optional<std::string_view> url, title, desc, meta, identifier, tags;
-  std::optional<NSDate> dateV;
-  std::optional<std::int64_t> others;
-  Value shared, unread;
   for (auto field : o) {
     element v = field.value;
     switch (postField(field.key)) {
       case PostField::Href:
-        if (auto s = string(v)) url = s;
+        if (auto s = string(v)) f.url = s;
         break;
       case PostField::Description:
-        if (auto s = string(v)) title = s;
+        if (auto s = string(v)) f.title = s;
         break;
       case PostField::Extended:
-        if (auto s = string(v)) desc = s;
+        if (auto s = string(v)) f.desc = s;
         break;
       case PostField::Meta:
-        if (auto s = string(v)) meta = s;
+        if (auto s = string(v)) f.meta = s;
         break;
       case PostField::Hash:
-        if (auto s = string(v)) identifier = s;
+        if (auto s = string(v)) f.identifier = s;
         break;
       case PostField::Time:
-        if (auto d = date(v)) dateV = d;
+        if (auto d = date(v)) f.date = d;
         break;
-      case PostField::Shared: shared = yesNo(v); break;
-      case PostField::Toread: unread = yesNo(v); break;
+      case PostField::Shared: f.shared = yesNo(v); break;
+      case PostField::Toread: f.unread = yesNo(v); break;
       case PostField::Tags:
-        if (auto s = string(v)) tags = s;
+        if (auto s = string(v)) f.tags = s;
         break;
       case PostField::Others:
-        if (auto n = count(v)) others = n;
+        if (auto n = count(v)) f.others = n;
         break;
       case PostField::Other: break;
     }
   }
-  if (!url || url->empty()) {
+  if (!f.url || f.url->empty()) {
     reason = "a post has no href";
     return false;
   }
-  std::string hash;
-  if (!identifier || identifier->empty()) {
-    hash = ZBMD5HexString(*url);
-    identifier = hash;
+  if (!f.identifier || f.identifier->empty()) {
+    f.hash = ZBMD5HexString(*f.url);
+    f.identifier = f.hash;
   }
+  return true;
+}
+
+// The post dictionary, each value made once, in its place.
+Value postDictionary(const PostFields& f, const Value& username) {
   // In key order, so the dictionary takes the entries as they are.
   std::vector<Dictionary::Entry> entries;
-  entries.reserve(3 + !!dateV + !!desc + !!meta + !!others + !!shared + !!tags + !!title + !!unread);
+  entries.reserve(3 + !!f.date + !!f.desc + !!f.meta + !!f.others + !!f.shared + !!f.tags + !!f.title + !!f.unread);
   auto add = [&entries](const std::string& key, auto&& value) {
     entries.emplace_back(std::piecewise_construct, std::forward_as_tuple(key),
                          std::forward_as_tuple(std::forward<decltype(value)>(value)));
   };
-  if (dateV) add(ZBPinboardPostDateKey, *dateV);
-  if (desc) add(ZBPinboardPostDescKey, *desc);
-  add(ZBPinboardPostIdentifierKey, *identifier);
-  if (meta) add(ZBPinboardPostMetaKey, *meta);
-  if (others) add(ZBPinboardPostOthersKey, *others);
-  if (shared) add(ZBPinboardPostSharedKey, std::move(shared));
-  if (tags) add(ZBPinboardPostTagsKey, tagArray(*tags));
-  if (title) add(ZBPinboardPostTitleKey, *title);
-  if (unread) add(ZBPinboardPostUnreadKey, std::move(unread));
-  add(ZBPinboardPostURLKey, *url);
+  if (f.date) add(ZBPinboardPostDateKey, *f.date);
+  if (f.desc) add(ZBPinboardPostDescKey, *f.desc);
+  add(ZBPinboardPostIdentifierKey, *f.identifier);
+  if (f.meta) add(ZBPinboardPostMetaKey, *f.meta);
+  if (f.others) add(ZBPinboardPostOthersKey, *f.others);
+  if (f.shared) add(ZBPinboardPostSharedKey, *f.shared);
+  if (f.tags) add(ZBPinboardPostTagsKey, tagArray(*f.tags));
+  if (f.title) add(ZBPinboardPostTitleKey, *f.title);
+  if (f.unread) add(ZBPinboardPostUnreadKey, *f.unread);
+  add(ZBPinboardPostURLKey, *f.url);
   add(ZBPinboardPostUsernameKey, username);
-  out = Value(Dictionary::fromSortedEntries(std::move(entries)));
+  return Value(Dictionary::fromSortedEntries(std::move(entries)));
+}
+
+// Reads the posts of a parsed list into posts; false (with the reason) at the
+// first element that is not a post.
+bool listFields(element list, std::vector<PostFields>& posts, std::string& reason) {
+  simdjson::dom::array elements;
+  if (list.get_array().get(elements)) return false;
+  for (element e : elements) {
+    if (!postFields(e, posts.emplace_back(), reason)) {
+      posts.pop_back();
+      return false;
+    }
+  }
   return true;
 }
 
@@ -358,14 +409,22 @@ public:
   // Adds the posts of a parsed list; false (with the reason) when it holds
   // something other than posts.
   bool add(element list) {
-    simdjson::dom::array posts;
-    if (!_reason.empty() || list.get_array().get(posts)) return false;
-    for (element e : posts) {
-      Value p;
-      if (!post(e, _owner, p, _reason)) return false;
-      _posts.push_back(std::move(p));
+    if (!_reason.empty()) return false;
+    _fields.clear();
+    std::string reason;
+    listFields(list, _fields, reason);
+    add(_fields, reason);
+    return _reason.empty();
+  }
+
+  // Adds posts read elsewhere; a reason says the list went wrong after them.
+  void add(const std::vector<PostFields>& posts, const std::string& reason) {
+    if (!_reason.empty()) return;
+    if (!reason.empty()) {
+      _reason = reason;  // the answer is malformed: its posts are of no use
+      return;
     }
-    return true;
+    for (const PostFields& f : posts) _posts.push_back(postDictionary(f, _owner));
   }
 
   bool failed() const { return !_reason.empty(); }
@@ -381,6 +440,7 @@ private:
   simdjson::dom::document _document;
   const Value _owner;
   const std::size_t _runBytes;
+  std::vector<PostFields> _fields;
   Array _posts;
   std::string _reason;        // why the answer is malformed, once known
   bool _whole = false;        // a cut run did not parse: the rest goes in one piece
@@ -419,14 +479,12 @@ Value ZBPinboardResponseParser::posts(std::string& body, const std::string& user
   element inner;
   if (root.at_key("posts").get(inner) || inner.get_array().get(list))
     return malformed(method, error, "neither a list of posts nor an envelope with posts");
+  std::vector<PostFields> fields;
+  if (!listFields(inner, fields, reason)) return malformed(method, error, reason);
   const Value owner(username);
   Array out;
-  out.reserve(list.size());
-  for (element e : list) {
-    Value p;
-    if (!post(e, owner, p, reason)) return malformed(method, error, reason);
-    out.push_back(std::move(p));
-  }
+  out.reserve(fields.size());
+  for (const PostFields& f : fields) out.push_back(postDictionary(f, owner));
   return Value(std::move(out));
 }
 
@@ -441,11 +499,18 @@ Value ZBPinboardResponseParser::posts(std::string& body, const std::string& user
 
 namespace {
 
+// A run of posts read on the appending side.
+struct ParsedRun {
+  simdjson::dom::document document;
+  std::vector<PostFields> posts;  // views into document
+  std::string reason;             // why the run holds something other than posts
+};
+
 struct Piece {
   enum class Kind { Run, Rest, Whole };
   Kind kind = Kind::Run;
-  std::unique_ptr<simdjson::dom::document> document;  // Run: a run of posts
-  std::string text;      // Rest: the end of the list, text[slot] its slot; Whole: the whole answer
+  std::unique_ptr<ParsedRun> run;  // Run
+  std::string text;                // Rest: the end of the list, text[slot] its slot; Whole: the whole answer
   std::size_t slot = 0;
 };
 
@@ -453,14 +518,31 @@ struct Piece {
 
 struct ZBPinboardPostListReader::State {
   State(std::string username, std::string method, std::size_t runBytes)
-      : username(std::move(username)), method(std::move(method)), runBytes(runBytes), list(this->username, runBytes) {}
+      : username(std::move(username)), method(std::move(method)), runBytes(runBytes), list(this->username, runBytes) {
+    // Room for the usual run, made here rather than on the appending thread:
+    // documents that grow run after run would take fresh memory each time,
+    // and a short-lived thread would leave it in an allocator arena of its own.
+    const std::size_t capacity = 2 * runBytes + 4096;
+    if (parser.allocate(capacity)) return;  // out of memory: the parser grows when it must
+    text.reserve(capacity + simdjson::SIMDJSON_PADDING);
+    for (std::size_t i = 0; i < kRunsAhead + 2; ++i) {
+      runs.push_back(std::make_unique<ParsedRun>());
+      runs.back()->posts.reserve(capacity / 128);
+      if (runs.back()->document.allocate(capacity)) break;
+    }
+  }
 
-  std::unique_ptr<simdjson::dom::document> spareDocument() {
+  void recycle(std::unique_ptr<ParsedRun> run) {
     std::lock_guard<std::mutex> lock(mutex);
-    if (documents.empty()) return std::make_unique<simdjson::dom::document>();
-    auto d = std::move(documents.back());
-    documents.pop_back();
-    return d;
+    runs.push_back(std::move(run));
+  }
+
+  std::unique_ptr<ParsedRun> spareRun() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (runs.empty()) return std::make_unique<ParsedRun>();
+    auto r = std::move(runs.back());
+    runs.pop_back();
+    return r;
   }
 
   void ship(Piece piece) {
@@ -488,13 +570,14 @@ struct ZBPinboardPostListReader::State {
   std::size_t slot = 0;      // List: the slot of the first post in text
   std::size_t searched = 0;  // bytes after the slot known to hold no cut
   bool whole = false;        // a cut did not parse: the rest goes in one piece
+  bool failed = false;       // a run held something other than posts
   simdjson::dom::parser parser;
 
   std::mutex mutex;
   std::condition_variable arrived, room;
   std::deque<Piece> pieces;                                         // guarded by mutex
   bool reading = false;                                             // guarded by mutex: finish() has begun
-  std::vector<std::unique_ptr<simdjson::dom::document>> documents;  // guarded by mutex: read, to use again
+  std::vector<std::unique_ptr<ParsedRun>> runs;  // guarded by mutex: read, to use again
 
   // Reading side.
   PostList list;
@@ -507,6 +590,7 @@ ZBPinboardPostListReader::~ZBPinboardPostListReader() = default;
 
 void ZBPinboardPostListReader::append(std::string_view bytes) {
   State& s = *_state;
+  if (s.failed) return;
   s.text.append(bytes);
   if (s.shape == Shape::Undecided) s.shape = shapeOf(s.text, s.slot);
   if (s.shape != Shape::List || s.whole) return;
@@ -518,12 +602,21 @@ void ZBPinboardPostListReader::append(std::string_view bytes) {
       break;
     }
     if (s.text.capacity() < cut + 1 + simdjson::SIMDJSON_PADDING) s.text.reserve(cut + 1 + simdjson::SIMDJSON_PADDING);
-    auto document = s.spareDocument();
-    if (parseRun(s.parser, *document, s.text.data(), s.slot, cut, false)) {
+    auto run = s.spareRun();
+    if (parseRun(s.parser, run->document, s.text.data(), s.slot, cut, false)) {
       s.whole = true;
+      s.recycle(std::move(run));
       break;
     }
-    s.ship(Piece{Piece::Kind::Run, std::move(document), {}, 0});
+    run->posts.clear();
+    run->reason.clear();
+    const bool posts = listFields(run->document.root(), run->posts, run->reason);
+    s.ship(Piece{Piece::Kind::Run, std::move(run), {}, 0});
+    if (!posts) {  // the verdict is in: the rest changes nothing
+      s.failed = true;
+      s.text = std::string();
+      return;
+    }
     s.slot = next - 1;
     s.searched = 0;
   }
@@ -557,9 +650,8 @@ Value ZBPinboardPostListReader::finish(NSErrorPtr* error) {
     s.room.notify_one();
     switch (piece.kind) {
       case Piece::Kind::Run: {
-        s.list.add(piece.document->root());
-        std::lock_guard<std::mutex> lock(s.mutex);
-        s.documents.push_back(std::move(piece.document));
+        s.list.add(piece.run->posts, piece.run->reason);
+        s.recycle(std::move(piece.run));
         continue;
       }
       case Piece::Kind::Rest:

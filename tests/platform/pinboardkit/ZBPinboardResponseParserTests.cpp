@@ -1,6 +1,8 @@
 // The readers of service answers on recorded bodies and on hostile bytes.
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "platform/pinboardkit/ZBPinboardKit.h"
 #include "platform/pinboardkit/ZBPinboardResponseParser.h"
 
@@ -137,6 +139,35 @@ TEST(ZBPinboardResponseParser, LeavesTheCallersBytesUnchanged) {
   const std::string copy = body;
   ASSERT_TRUE(P::posts(body, "me", "posts/all"));
   EXPECT_EQ(body, copy);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ZBPinboardResponseParser, PostTimesReadAsTheGeneralDateReaderReadsThem) {
+  std::vector<std::string> times = {
+      "2000-02-29T12:00:00Z", "1900-02-29T00:00:00Z", "2100-02-28T23:59:59Z", "2100-02-29T00:00:00Z",
+      "0000-02-29T00:00:00Z", "0000-01-01T00:00:00Z", "0001-01-01T00:00:00Z", "9999-12-31T23:59:59Z",
+      "1969-12-31T23:59:59Z", "2024-13-01T00:00:00Z", "2024-00-10T00:00:00Z", "2024-04-31T00:00:00Z",
+      "2024-04-00T00:00:00Z", "2024-01-01T24:00:00Z", "2024-01-01T00:60:00Z", "2024-01-01T00:00:60Z",
+      "2024-1-01T00:00:00Z",  "2024-01-01T00:00:00+00:00", "2024-01-01T00:00:00.5Z", "2024-01-01 00:00:00Z",
+      "2O24-01-01T00:00:00Z", "2024-01-01T00:00:00z", "-024-01-01T00:00:00Z"};
+  // Every second of a few centuries, sampled, as the service would write it.
+  std::mt19937_64 rng(11);
+  for (int i = 0; i < 3000; ++i)
+    times.push_back(NSDate::dateWithTimeIntervalSince1970(static_cast<double>(rng() % 8000000000ULL) - 2000000000.0)
+                        .ISO8601String());
+  std::string body = "[";
+  for (const std::string& t : times) body += R"({"href":"x","time":")" + t + R"("},)";
+  body.back() = ']';
+  Value posts = P::posts(body, "me", "posts/all");
+  ASSERT_EQ(posts.count(), times.size());
+  for (std::size_t i = 0; i < times.size(); ++i) {
+    auto expected = NSDate::dateFromISO8601String(times[i]);
+    EXPECT_EQ(posts.asArray()[i].asDictionary()[ZBPinboardPostDateKey], expected ? Value(*expected) : Value())
+        << times[i];
+  }
 }
 
 }  // namespace
