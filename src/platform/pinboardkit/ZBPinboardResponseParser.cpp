@@ -490,10 +490,10 @@ Value ZBPinboardResponseParser::posts(std::string& body, const std::string& user
 
 // ---- ZBPinboardPostListReader ----
 //
-// The appending side cuts a bare list into runs and parses each into a
-// document; the reading side turns the documents into posts, so that the
-// dictionaries are allocated on the thread that asked for them. Documents go
-// back to the appending side once read: fresh memory costs more than
+// The appending side cuts a bare list into runs, parses each into a document
+// and reads its posts' fields; the reading side turns the fields into
+// dictionaries, so that they are allocated on the thread that asked for them.
+// Runs go back to the appending side once read: fresh memory costs more than
 // parsing. Should a cut turn out to be inside a string (the run does not
 // parse), the rest of the list goes to the reading side whole.
 
@@ -527,7 +527,7 @@ struct ZBPinboardPostListReader::State {
     text.reserve(capacity + simdjson::SIMDJSON_PADDING);
     for (std::size_t i = 0; i < kRunsAhead + 2; ++i) {
       runs.push_back(std::make_unique<ParsedRun>());
-      runs.back()->posts.reserve(capacity / 128);
+      runs.back()->posts.reserve(capacity / 256);
       if (runs.back()->document.allocate(capacity)) break;
     }
   }
@@ -575,8 +575,8 @@ struct ZBPinboardPostListReader::State {
 
   std::mutex mutex;
   std::condition_variable arrived, room;
-  std::deque<Piece> pieces;                                         // guarded by mutex
-  bool reading = false;                                             // guarded by mutex: finish() has begun
+  std::deque<Piece> pieces;                      // guarded by mutex
+  bool reading = false;                          // guarded by mutex: finish() has begun
   std::vector<std::unique_ptr<ParsedRun>> runs;  // guarded by mutex: read, to use again
 
   // Reading side.
