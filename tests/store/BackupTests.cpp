@@ -116,7 +116,7 @@ void expectSameItems(const Items& actual, const Items& expected) {
 void addUserItems(const BackupStore& store) {
   store.perform([&] {
     auto& context = *store.context();
-    struct CollectionSpec {
+    struct CollectionEntry {
       const char* identifier;
       const char* title;
       const char* format;
@@ -124,7 +124,7 @@ void addUserItems(const BackupStore& store) {
       std::int64_t order;
       bool hidden;
     };
-    for (const CollectionSpec& spec : std::vector<CollectionSpec>{
+    for (const CollectionEntry& entry : std::vector<CollectionEntry>{
              {"LAST-WEEK", "Unread this week", "relative_date < $7__days AND unread == YES", {}, 10, false},
              {"CAFES",
               "Cafés of two months",
@@ -141,15 +141,15 @@ void addUserItems(const BackupStore& store) {
               false},
              {"EVERYTHING", "Everything I keep", nullptr, {}, 0, false}}) {
       auto collection = context.insertNewObject<ZBTarrowCollection>(ZBTarrowCollectionEntityName);
-      collection->setValueForKey(spec.identifier, ZBTarrowCollectionIdentifierKey);
-      collection->setValueForKey(spec.title, ZBTarrowCollectionTitleKey);
+      collection->setValueForKey(entry.identifier, ZBTarrowCollectionIdentifierKey);
+      collection->setValueForKey(entry.title, ZBTarrowCollectionTitleKey);
       collection->setValueForKey(true, ZBTarrowCollectionEditableKey);
-      collection->setValueForKey(spec.order, ZBTarrowCollectionOrderKey);
-      collection->setValueForKey(spec.hidden, ZBTarrowCollectionHiddenKey);
-      if (spec.format) {
+      collection->setValueForKey(entry.order, ZBTarrowCollectionOrderKey);
+      collection->setValueForKey(entry.hidden, ZBTarrowCollectionHiddenKey);
+      if (entry.format) {
         NSErrorPtr error;
-        auto predicate = NSPredicate::predicateWithFormat(spec.format, spec.arguments, &error);
-        ASSERT_TRUE(predicate) << spec.format << ": " << describe(error);
+        auto predicate = NSPredicate::predicateWithFormat(entry.format, entry.arguments, &error);
+        ASSERT_TRUE(predicate) << entry.format << ": " << describe(error);
         collection->setPredicate(predicate);
       }
     }
@@ -290,18 +290,18 @@ TEST(ZBTarrowDataStoreBackupGenerator, RoundTripRestoresTheUserItemsIntoAFreshCo
   Items builtInSearches = fresh.searches();
   fresh.perform([&] {
     auto& context = *fresh.context();
-    struct PostSpec {
+    struct PostEntry {
       const char* url;
       double daysAgo;
       bool unread;
     };
-    for (const PostSpec& spec :
-         {PostSpec{"https://example.com/3", 3, true}, PostSpec{"https://example.com/10", 10, true},
-          PostSpec{"https://example.com/1", 1, false}}) {
+    for (const PostEntry& entry :
+         {PostEntry{"https://example.com/3", 3, true}, PostEntry{"https://example.com/10", 10, true},
+          PostEntry{"https://example.com/1", 1, false}}) {
       auto post = context.insertNewObjectForEntityForName(ZBTarrowPinboardPostEntityName);
-      post->setValueForKey(spec.url, ZBTarrowPinboardPostURLKey);
-      post->setValueForKey(NSDate::date().dateByAddingTimeInterval(-spec.daysAgo * 86400), ZBTarrowPinboardPostDateKey);
-      post->setValueForKey(spec.unread, ZBTarrowPinboardPostUnreadKey);
+      post->setValueForKey(entry.url, ZBTarrowPinboardPostURLKey);
+      post->setValueForKey(NSDate::date().dateByAddingTimeInterval(-entry.daysAgo * 86400), ZBTarrowPinboardPostDateKey);
+      post->setValueForKey(entry.unread, ZBTarrowPinboardPostUnreadKey);
     }
     ASSERT_TRUE(context.save());
   });
