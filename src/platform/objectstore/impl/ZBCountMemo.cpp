@@ -21,6 +21,19 @@ std::string countSQL(const ZBCountMemo::Entry& entry, const std::string& extra) 
   return sql;
 }
 
+// Binds parameters and reads the single COUNT(*) result.
+std::optional<std::int64_t> stepCount(ZBSQLiteDatabase& db, ZBSQLiteStatement& statement,
+                                      const std::vector<Value>& parameters, NSErrorPtr* error) {
+  int index = 1;
+  for (auto& value : parameters) statement.bindValue(index++, value);
+  int rc = statement.step();
+  if (rc != SQLITE_ROW) {
+    ZBSetError(error, db.errorWithCode(NSSQLiteError, rc, "count"));
+    return std::nullopt;
+  }
+  return statement.int64(0);
+}
+
 bool sameParameters(const std::vector<Value>& a, const std::vector<Value>& b) {
   if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
@@ -60,15 +73,9 @@ std::optional<std::int64_t> ZBCountMemo::count(const ZBEntityLayout& layout, con
   entry.where = query.where;
   entry.parameters = query.parameters;
   ZBStatementScope statement(_db.cachedStatement(countSQL(entry, ""), error));
-  if (!statement) return std::nullopt;
-  int index = 1;
-  for (auto& value : entry.parameters) statement->bindValue(index++, value);
-  int rc = statement->step();
-  if (rc != SQLITE_ROW) {
-    ZBSetError(error, _db.errorWithCode(NSSQLiteError, rc, "count"));
-    return std::nullopt;
-  }
-  entry.count = statement->int64(0);
+  auto counted = statement ? stepCount(_db, *statement.operator->(), entry.parameters, error) : std::nullopt;
+  if (!counted) return std::nullopt;
+  entry.count = *counted;
 
   if (_tableNames.empty()) {
     for (auto& [entity, each] : _layouts) {
@@ -105,14 +112,7 @@ std::optional<std::int64_t> ZBCountMemo::_countAmong(const Entry& entry, const s
   for (auto key : keys) list += (list.empty() ? "" : ",") + std::to_string(key);
   auto statement = _db.prepare(countSQL(entry, "t0.\"Z_PK\" IN (" + list + ")"), error);
   if (!statement) return std::nullopt;
-  int index = 1;
-  for (auto& value : entry.parameters) statement->bindValue(index++, value);
-  int rc = statement->step();
-  if (rc != SQLITE_ROW) {
-    ZBSetError(error, _db.errorWithCode(NSSQLiteError, rc, "count"));
-    return std::nullopt;
-  }
-  return statement->int64(0);
+  return stepCount(_db, *statement, entry.parameters, error);
 }
 
 bool ZBCountMemo::willWrite(const std::vector<ZBObjectChange>& changes, SaveUpdate* update, NSErrorPtr* error) {
