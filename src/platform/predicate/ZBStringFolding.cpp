@@ -21,12 +21,33 @@ inline std::size_t utf8Length(unsigned char lead) {
   return 1;
 }
 
+// ICU builds its normalizers lazily behind its own atomics; fetching them once
+// through a static makes the hand-over to other threads one the compiler (and
+// ThreadSanitizer) can see, and saves a lookup per fold.
+struct Normalizers {
+  const icu::Normalizer2* nfd = nullptr;
+  const icu::Normalizer2* nfkd = nullptr;
+  const icu::Normalizer2* nfc = nullptr;
+};
+
+const Normalizers& normalizers() {
+  static const Normalizers instances = [] {
+    Normalizers n;
+    UErrorCode status = U_ZERO_ERROR;
+    n.nfd = icu::Normalizer2::getNFDInstance(status);
+    n.nfkd = icu::Normalizer2::getNFKDInstance(status);
+    n.nfc = icu::Normalizer2::getNFCInstance(status);
+    return U_SUCCESS(status) ? n : Normalizers{};
+  }();
+  return instances;
+}
+
 icu::UnicodeString foldUnicode(const icu::UnicodeString& text, bool caseInsensitive, bool diacriticInsensitive) {
+  const Normalizers& n = normalizers();
+  const icu::Normalizer2* decompose = diacriticInsensitive ? n.nfkd : n.nfd;
+  const icu::Normalizer2* compose = n.nfc;
+  if (!decompose || !compose) return text;
   UErrorCode status = U_ZERO_ERROR;
-  const icu::Normalizer2* decompose =
-      diacriticInsensitive ? icu::Normalizer2::getNFKDInstance(status) : icu::Normalizer2::getNFDInstance(status);
-  const icu::Normalizer2* compose = icu::Normalizer2::getNFCInstance(status);
-  if (U_FAILURE(status)) return text;
   icu::UnicodeString decomposed = decompose->normalize(text, status);
   if (U_FAILURE(status)) return text;
   if (diacriticInsensitive) {

@@ -10,6 +10,7 @@
 #include "platform/archive/NSKeyedArchiver.h"
 #include "platform/archive/NSKeyedUnarchiver.h"
 #include "platform/foundation/NSPropertyListSerialization.h"
+#include "support/TogetherThreads.h"
 
 namespace {
 
@@ -385,19 +386,15 @@ TEST(KeyedArchive, ArchivesAndRegistersFromSeveralThreadsAtOnce) {
   auto bookmark = std::make_shared<TestBookmark>();
   bookmark->title = "shared";
   Data archive = NSKeyedArchiver::archivedDataWithRootObject(Value(Array{Value(bookmark), sample()}));
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 50; ++i) {
-        // Registrations of other classes while decoding goes on elsewhere.
-        NSKeyedUnarchiver::registerClass("TestThread" + std::to_string(t), {"TestItem"},
-                                         [](NSKeyedUnarchiver&, NSErrorPtr*) { return std::make_shared<NSObject>(); });
-        Value back = NSKeyedUnarchiver::unarchivedObjectOfClasses({"NSObject"}, archive);
-        ASSERT_TRUE(back.isArray());
-        EXPECT_EQ(back.asArray()[0].as<TestBookmark>()->title, "shared");
-        EXPECT_EQ(NSKeyedArchiver::archivedDataWithRootObject(back.asArray()[1]).empty(), false);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  RunTogether(4, [&](int t) {
+    for (int i = 0; i < 50; ++i) {
+      // Registrations of other classes while decoding goes on elsewhere.
+      NSKeyedUnarchiver::registerClass("TestThread" + std::to_string(t), {"TestItem"},
+                                       [](NSKeyedUnarchiver&, NSErrorPtr*) { return std::make_shared<NSObject>(); });
+      Value back = NSKeyedUnarchiver::unarchivedObjectOfClasses({"NSObject"}, archive);
+      ASSERT_TRUE(back.isArray());
+      EXPECT_EQ(back.asArray()[0].as<TestBookmark>()->title, "shared");
+      EXPECT_EQ(NSKeyedArchiver::archivedDataWithRootObject(back.asArray()[1]).empty(), false);
+    }
+  });
 }

@@ -6,6 +6,7 @@
 
 #include "platform/foundation/NSCalendar.h"
 #include "platform/foundation/NSTimeZone.h"
+#include "support/TogetherThreads.h"
 
 namespace {
 
@@ -220,17 +221,13 @@ TEST(NSTimeZone, SystemZoneHonoursTZ) {
 TEST(NSCalendar, SharedCalendarIsSafeFromManyThreads) {
   auto cal = gregorian("Europe/Berlin");
   const NSDate start = at(*cal, 2026, 1, 31, 12);
-  std::vector<std::thread> threads;
   std::vector<int> failures(4, 0);
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 300; ++i) {
-        const auto next = cal->dateByAddingUnit(NSCalendarUnit::Month, 1, start);
-        if (!next || cal->component(NSCalendarUnit::Day, *next) != 28) ++failures[t];
-        NSTimeZone::defaultTimeZone();
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  RunTogether(4, [&](int t) {
+    for (int i = 0; i < 300; ++i) {
+      const auto next = cal->dateByAddingUnit(NSCalendarUnit::Month, 1, start);
+      if (!next || cal->component(NSCalendarUnit::Day, *next) != 28) ++failures[t];
+      NSTimeZone::defaultTimeZone();
+    }
+  });
   for (int f : failures) EXPECT_EQ(f, 0);
 }

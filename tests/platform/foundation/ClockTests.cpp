@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/foundation/ZBClock.h"
+#include "support/TogetherThreads.h"
 
 namespace {
 
@@ -107,26 +108,22 @@ TEST_F(ZBClockTest, ConcurrentReadersWritersAndListeners) {
   ZBClock::setCurrent(clock);
   std::atomic<int> heard{0};
   constexpr int kThreads = 4, kSteps = 500;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kSteps; ++i) {
-        switch (t) {
-          case 0: clock->advance(1); break;
-          case 1: {
-            const int id = ZBClock::addChangeListener([&] { ++heard; });
-            ZBClock::removeChangeListener(id);
-            break;
-          }
-          case 2: EXPECT_GE(NSDate::date(), NSDate(0)); break;
-          default:
-            if (i % 50 == 0) ZBClock::setCurrent(clock);
-            break;
+  RunTogether(kThreads, [&](int t) {
+    for (int i = 0; i < kSteps; ++i) {
+      switch (t) {
+        case 0: clock->advance(1); break;
+        case 1: {
+          const int id = ZBClock::addChangeListener([&] { ++heard; });
+          ZBClock::removeChangeListener(id);
+          break;
         }
+        case 2: EXPECT_GE(NSDate::date(), NSDate(0)); break;
+        default:
+          if (i % 50 == 0) ZBClock::setCurrent(clock);
+          break;
       }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+    }
+  });
   // No advance is lost to a race on the stored time.
   EXPECT_EQ(clock->now(), NSDate(kSteps));
 }

@@ -11,6 +11,7 @@
 
 #include "platform/foundation/ZBLocalizedString.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TogetherThreads.h"
 
 namespace {
 
@@ -64,16 +65,12 @@ TEST(ZBLocalizedString, LooksUpGermanAndPassesUnknownTextsThrough) {
     EXPECT_EQ(ZBLocalizedString(""), "");
 
     // Lookups from several threads at once.
-    std::vector<std::thread> threads;
     std::vector<int> wrong(4, 0);
-    for (int t = 0; t < 4; ++t) {
-      threads.emplace_back([&, t] {
-        for (int i = 0; i < 500; ++i) {
-          if (ZBLocalizedString("Unread") != "Ungelesen") ++wrong[t];
-        }
-      });
-    }
-    for (auto& thread : threads) thread.join();
+    RunTogether(4, [&](int t) {
+      for (int i = 0; i < 500; ++i) {
+        if (ZBLocalizedString("Unread") != "Ungelesen") ++wrong[t];
+      }
+    });
     for (int w : wrong) EXPECT_EQ(w, 0);
   }
   // Switching back must not serve the German answers cached above.

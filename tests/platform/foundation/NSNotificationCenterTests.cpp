@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <thread>
+#include "support/TogetherThreads.h"
 
 namespace {
 
@@ -101,31 +102,25 @@ TEST(NSNotificationCenter, ConcurrentPostsAndRemovals) {
   std::atomic<int> steady{0}, late{0};
   auto token = center.addObserver("tick", nullptr, [&](const NSNotification&) { ++steady; });
   constexpr int kPosters = 3, kPosts = 500;
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> threads;
-  for (int p = 0; p < kPosters; ++p) {
-    threads.emplace_back([&] {
+  std::atomic<int> posting{kPosters};  // churners go on until every poster is done
+  RunTogether(kPosters + 2, [&](int t) {
+    if (t < kPosters) {
       for (int i = 0; i < kPosts; ++i) center.post("tick");
-    });
-  }
-  std::vector<std::thread> churners;
-  for (int c = 0; c < 2; ++c) {
-    churners.emplace_back([&, c] {
-      while (!stop.load()) {
+      --posting;
+    } else {
+      const int c = t - kPosters;
+      while (posting.load() > 0) {
         auto removed = std::make_shared<std::atomic<bool>>(false);
-        auto t = center.addObserver(c ? "tick" : "", nullptr, [&late, removed](const NSNotification&) {
+        auto churned = center.addObserver(c ? "tick" : "", nullptr, [&late, removed](const NSNotification&) {
           std::this_thread::yield();  // widen the window between the validity check and the call's end
           if (removed->load()) ++late;
         });
         std::this_thread::yield();
-        t.invalidate();
+        churned.invalidate();
         removed->store(true);
       }
-    });
-  }
-  for (auto& t : threads) t.join();
-  stop.store(true);
-  for (auto& t : churners) t.join();
+    }
+  });
   EXPECT_EQ(steady.load(), kPosters * kPosts);
   EXPECT_EQ(late.load(), 0);
 }

@@ -10,6 +10,7 @@
 #include "platform/foundation/NSURL.h"
 #include "platform/foundation/NSUUID.h"
 #include "platform/foundation/ZBMD5.h"
+#include "support/TogetherThreads.h"
 
 namespace {
 // Upper-case 8-4-4-4-12 hex with the version 4 and variant 10xx nibbles.
@@ -27,16 +28,12 @@ bool isVersion4Form(const std::string& s) {
 TEST(NSUUID, StringsAreUpperCaseVersion4AndUnique) {
   std::mutex lock;
   std::set<std::string> seen;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      std::vector<std::string> mine;
-      for (int i = 0; i < 2500; ++i) mine.push_back(ZBGloballyUniqueString());
-      std::lock_guard guard(lock);
-      seen.insert(mine.begin(), mine.end());
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  RunTogether(4, [&](int) {
+    std::vector<std::string> mine;
+    for (int i = 0; i < 2500; ++i) mine.push_back(ZBGloballyUniqueString());
+    std::lock_guard guard(lock);
+    seen.insert(mine.begin(), mine.end());
+  });
   EXPECT_EQ(seen.size(), 10000u);
   for (const auto& s : seen) ASSERT_TRUE(isVersion4Form(s)) << s;
 }

@@ -10,6 +10,7 @@
 
 #include "platform/foundation/NSUserDefaults.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TogetherThreads.h"
 
 namespace {
 
@@ -162,20 +163,16 @@ TEST(UserDefaults, ConcurrentWritersAndReadersLoseNothing) {
   auto defaults = NSUserDefaults::create(file);
   defaults->registerDefaults(Dictionary{{"shared", 0}});
   const int threads = 4, perThread = 100;
-  std::vector<std::thread> workers;
-  for (int t = 0; t < threads; ++t) {
-    workers.emplace_back([&, t] {
-      for (int i = 0; i < perThread; ++i) {
-        std::string key = "k" + std::to_string(t) + "_" + std::to_string(i);
-        defaults->setInteger(i, key);
-        defaults->setInteger(i, "shared");
-        EXPECT_EQ(defaults->integerForKey(key), i);
-        (void)defaults->dictionaryRepresentation();
-        if (i % 25 == 0) defaults->synchronize();
-      }
-    });
-  }
-  for (auto& worker : workers) worker.join();
+  RunTogether(threads, [&](int t) {
+    for (int i = 0; i < perThread; ++i) {
+      std::string key = "k" + std::to_string(t) + "_" + std::to_string(i);
+      defaults->setInteger(i, key);
+      defaults->setInteger(i, "shared");
+      EXPECT_EQ(defaults->integerForKey(key), i);
+      (void)defaults->dictionaryRepresentation();
+      if (i % 25 == 0) defaults->synchronize();
+    }
+  });
   ASSERT_TRUE(defaults->synchronize());
   auto fresh = NSUserDefaults::create(file);
   for (int t = 0; t < threads; ++t) {

@@ -10,6 +10,7 @@
 #include "platform/operations/NSRunLoop.h"
 #include "platform/operations/NSTimer.h"
 #include "support/RunLoopTestHelper.h"
+#include "support/TogetherThreads.h"
 
 namespace {
 
@@ -31,17 +32,14 @@ TEST(NSRunLoop, BlocksFromManyThreadsRunOnTheMainThreadInPostingOrder) {
   constexpr int kThreads = 4, kBlocks = 500;
   std::vector<std::vector<int>> seen(kThreads);  // touched only on the main thread
   std::atomic<int> offMain{0};
-  std::vector<std::thread> posters;
-  for (int t = 0; t < kThreads; ++t) {
-    posters.emplace_back([&, t] {
-      for (int i = 0; i < kBlocks; ++i) {
-        loop->performBlock([&, t, i] {
-          if (!NSRunLoop::isMainThread()) ++offMain;
-          seen[t].push_back(i);
-        });
-      }
-    });
-  }
+  TogetherThreads posters(kThreads, [&](int t) {
+    for (int i = 0; i < kBlocks; ++i) {
+      loop->performBlock([&, t, i] {
+        if (!NSRunLoop::isMainThread()) ++offMain;
+        seen[t].push_back(i);
+      });
+    }
+  });
   EXPECT_FALSE(std::async(std::launch::async, [] { return NSRunLoop::isMainThread(); }).get());
   ASSERT_TRUE(RunMainLoopUntil([&] {
     for (auto& s : seen) {
@@ -49,7 +47,7 @@ TEST(NSRunLoop, BlocksFromManyThreadsRunOnTheMainThreadInPostingOrder) {
     }
     return true;
   }));
-  for (auto& poster : posters) poster.join();
+  posters.join();
   EXPECT_EQ(offMain.load(), 0);
   for (auto& s : seen) {
     for (int i = 0; i < kBlocks; ++i) ASSERT_EQ(s[i], i);
