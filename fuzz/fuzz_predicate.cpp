@@ -23,7 +23,8 @@ namespace {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  static const std::vector<Value> arguments = {"key.path", 3, Array{1, "two"}, "x", NSDate(5.0), Value(), 2.5, "k"};
+  static const std::vector<Value> arguments = {"key.path", 3, Array{1, "two"}, "x", NSDate(5.0), Value(), 2.5, "k",
+                                               "$k.$v"};
   std::string_view format(reinterpret_cast<const char*>(bytes), size);
   NSErrorPtr error;
   auto p = NSPredicate::predicateWithFormat(format, arguments, &error);

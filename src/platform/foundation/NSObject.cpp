@@ -430,7 +430,9 @@ std::vector<std::string> NSObject::keyPathsForValuesAffectingValueForKey(const s
 std::string NSObject::description() const {
   char address[32];
   std::snprintf(address, sizeof address, "%p", static_cast<const void*>(this));
-  return "<" + className() + ": " + address + ">";
+  std::string text = "<";  // appended: GCC 12 at -O3 warns falsely on "<" + string
+  text.append(className()).append(": ").append(address).append(">");
+  return text;
 }
 
 Value NSObject::valueForKeyPath(std::string_view keyPath) const {
@@ -659,6 +661,9 @@ Value valueForKey(const Value& target, const std::string& key) {
       }
       return Value(std::move(mapped));
     }
+    case Value::Type::String:
+      if (key == "length") return Value(static_cast<std::int64_t>(ZBStringUTF16Length(target.asString())));
+      return {};
     default:
       return {};
   }

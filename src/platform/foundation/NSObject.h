@@ -129,7 +129,8 @@ private:
 // Key-value coding over any Value: objects use valueForKey, dictionaries look
 // the key up, arrays and sets map the rest of the path over their elements
 // (sets give sets), and collection operators (@count, @sum, @avg, @min, @max)
-// aggregate. Anything else yields absent.
+// aggregate. A string answers "length" (in UTF-16 units). Anything else yields
+// absent.
 Value valueForKeyPath(const Value& target, std::string_view keyPath);
 Value valueForKey(const Value& target, const std::string& key);
 

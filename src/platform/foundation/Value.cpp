@@ -8,6 +8,8 @@
 #include <cstring>
 #include <limits>
 
+#include <unicode/unistr.h>
+
 #include "platform/foundation/NSObject.h"
 
 namespace {
@@ -512,4 +514,12 @@ std::size_t Set::hash() const {
   std::size_t h = 0x5e7;
   for (const auto& v : _items) h += v.hash() * 0x9e3779b97f4a7c15ULL + 1;
   return h ^ _items.size();
+}
+
+std::size_t ZBStringUTF16Length(std::string_view text) {
+  bool ascii = true;
+  for (char c : text) ascii = ascii && static_cast<unsigned char>(c) < 0x80;
+  if (ascii) return text.size();
+  auto u = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+  return static_cast<std::size_t>(u.length());
 }

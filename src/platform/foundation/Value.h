@@ -137,6 +137,10 @@ struct ValueHash {
   std::size_t operator()(const Value& v) const { return v.hash(); }
 };
 
+// The length of text in UTF-16 code units, as the platform counts a string's
+// length (a character outside the Basic Multilingual Plane counts 2).
+std::size_t ZBStringUTF16Length(std::string_view text);
+
 // A dictionary with string keys: a flat vector sorted by key, cheap to build in
 // bulk and to copy into a Value. Setting an absent value removes the key.
 class Dictionary {

@@ -12,6 +12,7 @@
 #include <unicode/unistr.h>
 
 #include "platform/predicate/NSPredicate.h"
+#include "platform/predicate/ZBStringFolding.h"
 #include "platform/predicate/impl/ZBPredicateEvaluation.h"
 #include "platform/predicate/impl/ZBPredicateFormatting.h"
 #include "platform/predicate/impl/ZBPredicateParser.h"
@@ -20,6 +21,7 @@ namespace {
 
 enum FunctionId {
   FnAdd, FnSubtract, FnMultiply, FnDivide, FnPower,
+  FnBitwiseAnd, FnBitwiseOr, FnBitwiseXor, FnShiftLeft, FnShiftRight, FnLength,
   FnSum, FnCount, FnMin, FnMax, FnAverage, FnMedian, FnMode, FnStddev,
   FnSqrt, FnLog, FnLn, FnExp, FnFloor, FnCeiling, FnAbs, FnTrunc,
   FnUppercase, FnLowercase, FnRandomN, FnNow, FnRandom, FnCast, FnIndex,
@@ -34,7 +36,10 @@ struct FunctionInfo {
 
 constexpr FunctionInfo kFunctions[] = {
     {"add:to:", FnAdd, 2, "+"},          {"from:subtract:", FnSubtract, 2, "-"}, {"multiply:by:", FnMultiply, 2, "*"},
-    {"divide:by:", FnDivide, 2, "/"},    {"raise:toPower:", FnPower, 2, "**"},   {"sum:", FnSum, 1, nullptr},
+    {"divide:by:", FnDivide, 2, "/"},    {"raise:toPower:", FnPower, 2, "**"},
+    {"bitwiseAnd:with:", FnBitwiseAnd, 2, "&"}, {"bitwiseOr:with:", FnBitwiseOr, 2, "|"},
+    {"bitwiseXor:with:", FnBitwiseXor, 2, "^"}, {"leftshift:by:", FnShiftLeft, 2, "<<"},
+    {"rightshift:by:", FnShiftRight, 2, ">>"},  {"sum:", FnSum, 1, nullptr},
     {"count:", FnCount, 1, nullptr},     {"min:", FnMin, 1, nullptr},            {"max:", FnMax, 1, nullptr},
     {"average:", FnAverage, 1, nullptr}, {"median:", FnMedian, 1, nullptr},      {"mode:", FnMode, 1, nullptr},
     {"stddev:", FnStddev, 1, nullptr},   {"sqrt:", FnSqrt, 1, nullptr},          {"log:", FnLog, 1, nullptr},
@@ -47,6 +52,20 @@ constexpr FunctionInfo kFunctions[] = {
 
 const FunctionInfo* functionNamed(std::string_view name) {
   for (const FunctionInfo& info : kFunctions)
+    if (name == info.name) return &info;
+  return nullptr;
+}
+
+// The selectors FUNCTION(receiver, "selector", …) evaluates; arity counts the
+// arguments after the selector.
+constexpr FunctionInfo kSelectors[] = {
+    {"uppercase", FnUppercase, 0, nullptr}, {"uppercaseString", FnUppercase, 0, nullptr},
+    {"lowercase", FnLowercase, 0, nullptr}, {"lowercaseString", FnLowercase, 0, nullptr},
+    {"length", FnLength, 0, nullptr},       {"pow:", FnPower, 1, nullptr},
+};
+
+const FunctionInfo* selectorNamed(std::string_view name) {
+  for (const FunctionInfo& info : kSelectors)
     if (name == info.name) return &info;
   return nullptr;
 }
@@ -143,6 +162,40 @@ Value arithmetic(FunctionId id, const Value& a, const Value& b, ZBPredicateEvalu
         return Value(static_cast<std::int64_t>(r));
       return Value(r);
     }
+    default: return Value();
+  }
+}
+
+// Integers, booleans as 0 and 1, and doubles that hold a whole number.
+std::optional<std::int64_t> bitwiseOperand(const Value& v) {
+  if (!v.isDouble()) return v.integerValue();
+  double d = v.doubleValue();
+  if (d != std::trunc(d) || d < -0x1p63 || d >= 0x1p63) return std::nullopt;
+  return static_cast<std::int64_t>(d);
+}
+
+// A shift by 64 or more moves every bit out; right shifts keep the sign.
+Value bitwise(FunctionId id, const Value& a, const Value& b, ZBPredicateEvaluationState& state) {
+  if (!a.isNumber() || !b.isNumber()) return Value();
+  auto x = bitwiseOperand(a), y = bitwiseOperand(b);
+  if (!x || !y) {
+    state.fail(ZBPredicateTypeMismatchError, [&] {
+      return "Bitwise operators need integers, got " + a.description() + " and " + b.description();
+    });
+    return Value();
+  }
+  bool shift = id == FnShiftLeft || id == FnShiftRight;
+  if (shift && *y < 0) {
+    state.fail(ZBPredicateTypeMismatchError, [&] { return "Can’t shift by a negative count " + b.description(); });
+    return Value();
+  }
+  switch (id) {
+    case FnBitwiseAnd: return Value(*x & *y);
+    case FnBitwiseOr: return Value(*x | *y);
+    case FnBitwiseXor: return Value(*x ^ *y);
+    case FnShiftLeft:
+      return Value(*y >= 64 ? std::int64_t{0} : static_cast<std::int64_t>(static_cast<std::uint64_t>(*x) << *y));
+    case FnShiftRight: return Value(*y >= 64 ? (*x < 0 ? std::int64_t{-1} : std::int64_t{0}) : *x >> *y);
     default: return Value();
   }
 }
@@ -374,7 +427,7 @@ NSExpression::NSExpression(NSExpressionType type, Value constant, std::string na
     }
   }
   if (_type == NSExpressionType::Function) {
-    const FunctionInfo* info = functionNamed(_name);
+    const FunctionInfo* info = _operand ? selectorNamed(_name) : functionNamed(_name);
     if (info && static_cast<int>(_arguments.size()) == info->arity &&
         std::none_of(_arguments.begin(), _arguments.end(), [](const auto& a) { return !a; }))
       _functionId = info->id;
@@ -409,6 +462,13 @@ NSExpressionPtr NSExpression::expressionForKeyPath(NSExpressionPtr operand, std:
 
 NSExpressionPtr NSExpression::expressionForFunction(std::string name, std::vector<NSExpressionPtr> arguments) {
   return std::make_shared<NSExpression>(NSExpressionType::Function, Value(), std::move(name), nullptr,
+                                        std::move(arguments), nullptr);
+}
+
+NSExpressionPtr NSExpression::expressionForFunction(NSExpressionPtr operand, std::string selector,
+                                                    std::vector<NSExpressionPtr> arguments) {
+  if (!operand) operand = expressionForEvaluatedObject();
+  return std::make_shared<NSExpression>(NSExpressionType::Function, Value(), std::move(selector), std::move(operand),
                                         std::move(arguments), nullptr);
 }
 
@@ -455,6 +515,7 @@ bool NSExpression::isEqual(const NSObject& other) const {
     case NSExpressionType::Function:
     case NSExpressionType::Aggregate:
       if (_name != o->_name || _arguments.size() != o->_arguments.size()) return false;
+      if (!sameExpression(_operand, o->_operand)) return false;
       for (std::size_t i = 0; i < _arguments.size(); ++i)
         if (!sameExpression(_arguments[i], o->_arguments[i])) return false;
       return true;
@@ -485,7 +546,7 @@ std::size_t NSExpression::hash() const {
 // MARK: Printing
 
 bool NSExpression::_isInfix() const {
-  if (_type != NSExpressionType::Function) return false;
+  if (_type != NSExpressionType::Function || _operand) return false;
   const FunctionInfo* info = functionNamed(_name);
   return info && info->infix && _arguments.size() == 2;
 }
@@ -509,11 +570,14 @@ void appendOperand(std::string& out, const NSExpressionPtr& e, bool wrapNumbers)
   if (wrap) out += ')';
 }
 
-void appendKeyPath(std::string& out, std::string_view path) {
+// afterDot: the path continues an operand ($v.title), so its first component
+// follows a dot too.
+void appendKeyPath(std::string& out, std::string_view path, bool afterDot) {
   std::size_t start = 0;
   while (true) {
     std::size_t dot = path.find('.', start);
-    ZBPredicateAppendKeyComponent(out, path.substr(start, dot == std::string_view::npos ? dot : dot - start));
+    ZBPredicateAppendKeyComponent(out, path.substr(start, dot == std::string_view::npos ? dot : dot - start),
+                                  afterDot || start > 0);
     if (dot == std::string_view::npos) break;
     out += '.';
     start = dot + 1;
@@ -537,8 +601,9 @@ void NSExpression::_appendFormat(std::string& out) const {
     case NSExpressionType::Symbolic:
       out += _name;
       return;
-    case NSExpressionType::KeyPath:
-      if (_operand && _operand->expressionType() != NSExpressionType::EvaluatedObject) {
+    case NSExpressionType::KeyPath: {
+      bool fromOperand = _operand && _operand->expressionType() != NSExpressionType::EvaluatedObject;
+      if (fromOperand) {
         appendOperand(out, _operand, true);
         if (_name.empty()) return;
         out += '.';
@@ -546,8 +611,9 @@ void NSExpression::_appendFormat(std::string& out) const {
         out += "SELF";
         return;
       }
-      appendKeyPath(out, _name);
+      appendKeyPath(out, _name, fromOperand);
       return;
+    }
     case NSExpressionType::Aggregate:
       out += '{';
       for (std::size_t i = 0; i < _arguments.size(); ++i) {
@@ -566,6 +632,23 @@ void NSExpression::_appendFormat(std::string& out) const {
       out += ')';
       return;
     case NSExpressionType::Function: {
+      if (_operand) {
+        // The space before the comma after the selector is how the platform
+        // prints it: FUNCTION(a, "pow:" , 3).
+        out += "FUNCTION(";
+        _operand->_appendFormat(out);
+        out += ", ";
+        ZBPredicateAppendQuotedString(out, _name);
+        for (std::size_t i = 0; i < _arguments.size(); ++i) {
+          out += i == 0 ? " , " : ", ";
+          if (_arguments[i])
+            _arguments[i]->_appendFormat(out);
+          else
+            out += "nil";
+        }
+        out += ')';
+        return;
+      }
       const FunctionInfo* info = functionNamed(_name);
       if (info && info->infix && _arguments.size() == 2 && _arguments[0] && _arguments[1]) {
         appendOperand(out, _arguments[0], false);
@@ -639,7 +722,8 @@ NSExpressionPtr NSExpression::expressionWithSubstitutionVariables(const Dictiona
     }
     case NSExpressionType::Function:
     case NSExpressionType::Aggregate: {
-      bool changed = false;
+      NSExpressionPtr operand = _operand ? _operand->expressionWithSubstitutionVariables(variables) : nullptr;
+      bool changed = operand != _operand;
       std::vector<NSExpressionPtr> arguments;
       arguments.reserve(_arguments.size());
       for (const auto& a : _arguments) {
@@ -647,7 +731,7 @@ NSExpressionPtr NSExpression::expressionWithSubstitutionVariables(const Dictiona
         changed |= arguments.back() != a;
       }
       if (!changed) return self;
-      return std::make_shared<NSExpression>(_type, Value(), _name, nullptr, std::move(arguments), nullptr);
+      return std::make_shared<NSExpression>(_type, Value(), _name, std::move(operand), std::move(arguments), nullptr);
     }
     case NSExpressionType::Subquery: {
       auto collection = _operand->expressionWithSubstitutionVariables(variables);
@@ -754,6 +838,7 @@ const Value& NSExpression::_evaluateKeyPath(const Value& object, ZBPredicateEval
 
 const Value& NSExpression::_evaluateFunction(const Value& object, ZBPredicateEvaluationState& state,
                                              Value& scratch) const {
+  if (_operand) return _evaluateSelector(object, state, scratch);
   if (_functionId < 0) {
     state.fail(ZBPredicateUnsupportedError, [&] {
       return "Unsupported function “" + _name + "” with " + std::to_string(_arguments.size()) + " arguments";
@@ -782,6 +867,16 @@ const Value& NSExpression::_evaluateFunction(const Value& object, ZBPredicateEva
       Value s1;
       const Value& a1 = _arguments[1]->_evaluate(object, state, s1);
       scratch = arithmetic(id, a0, a1, state);
+      return scratch;
+    }
+    case FnBitwiseAnd:
+    case FnBitwiseOr:
+    case FnBitwiseXor:
+    case FnShiftLeft:
+    case FnShiftRight: {
+      Value s1;
+      const Value& a1 = _arguments[1]->_evaluate(object, state, s1);
+      scratch = bitwise(id, a0, a1, state);
       return scratch;
     }
     case FnSum:
@@ -863,6 +958,50 @@ const Value& NSExpression::_evaluateFunction(const Value& object, ZBPredicateEva
         return scratch;
       }
       return ZBPredicateAbsentValue();
+    }
+    default:
+      return ZBPredicateAbsentValue();
+  }
+}
+
+const Value& NSExpression::_evaluateSelector(const Value& object, ZBPredicateEvaluationState& state,
+                                             Value& scratch) const {
+  if (_functionId < 0) {
+    state.fail(ZBPredicateUnsupportedError, [&] {
+      return "Unsupported FUNCTION selector “" + _name + "” with " + std::to_string(_arguments.size()) + " arguments";
+    });
+    return ZBPredicateAbsentValue();
+  }
+  auto id = static_cast<FunctionId>(_functionId);
+  Value receiverScratch;
+  const Value& receiver = _operand->_evaluate(object, state, receiverScratch);
+  // A message to nil answers nil.
+  if (receiver.isAbsent() || receiver.isNull()) return ZBPredicateAbsentValue();
+  bool wantsNumber = id == FnPower;
+  if (wantsNumber ? !receiver.isNumber() : !receiver.isString()) {
+    state.fail(ZBPredicateTypeMismatchError, [&] {
+      return "“" + _name + "” needs a " + (wantsNumber ? "number" : "string") + ", got " + receiver.description();
+    });
+    return ZBPredicateAbsentValue();
+  }
+  switch (id) {
+    case FnUppercase:
+    case FnLowercase:
+      scratch = changeCase(receiver, id == FnUppercase);
+      return scratch;
+    case FnLength:
+      scratch = Value(static_cast<std::int64_t>(ZBStringUTF16Length(receiver.asString())));
+      return scratch;
+    case FnPower: {
+      Value exponentScratch;
+      const Value& exponent = _arguments[0]->_evaluate(object, state, exponentScratch);
+      if (!exponent.isNumber() && !exponent.isAbsent() && !exponent.isNull()) {
+        state.fail(ZBPredicateTypeMismatchError,
+                   [&] { return "“pow:” needs a number, got " + exponent.description(); });
+        return ZBPredicateAbsentValue();
+      }
+      scratch = arithmetic(FnPower, receiver, exponent, state);
+      return scratch;
     }
     default:
       return ZBPredicateAbsentValue();

@@ -2,8 +2,13 @@
 // NSExpression: one side of a comparison predicate. A constant, the evaluated
 // object (SELF), a $variable, a key path (from SELF or from another
 // expression: $v.title, SUBQUERY(...).@count), a function (arithmetic,
-// aggregates such as sum:, now(), CAST, indexing), an aggregate {a, b} or a
-// SUBQUERY.
+// bitwise operators, aggregates such as sum:, now(), CAST, indexing, or a
+// selector sent to a receiver: FUNCTION(name, "length")), an aggregate {a, b}
+// or a SUBQUERY.
+//
+// Key paths read values by key-value coding, where a string answers "length"
+// (its length in UTF-16 code units); a key a value does not answer gives
+// absent.
 //
 // Immutable once created and held by std::shared_ptr; thread-safe to share
 // and evaluate from several threads at once.
@@ -47,13 +52,24 @@ public:
   // operand gives the plain form above.
   static NSExpressionPtr expressionForKeyPath(NSExpressionPtr operand, std::string keyPath);
   // Functions by name: "add:to:", "from:subtract:", "multiply:by:",
-  // "divide:by:", "raise:toPower:" (two arguments); "sum:", "count:", "min:",
-  // "max:", "average:", "median:", "mode:", "stddev:", "sqrt:", "log:", "ln:",
-  // "exp:", "floor:", "ceiling:", "abs:", "trunc:", "uppercase:", "lowercase:",
-  // "randomn:" (one); "now", "random" (none); "castObject:toType:" (value,
-  // type name); "objectFrom:withIndex:" (collection, index). An unknown name or
-  // arity evaluates to absent with ZBPredicateUnsupportedError.
+  // "divide:by:", "raise:toPower:", "bitwiseAnd:with:", "bitwiseOr:with:",
+  // "bitwiseXor:with:", "leftshift:by:", "rightshift:by:" (two arguments);
+  // "sum:", "count:", "min:", "max:", "average:", "median:", "mode:",
+  // "stddev:", "sqrt:", "log:", "ln:", "exp:", "floor:", "ceiling:", "abs:",
+  // "trunc:", "uppercase:", "lowercase:", "randomn:" (one); "now", "random"
+  // (none); "castObject:toType:" (value, type name); "objectFrom:withIndex:"
+  // (collection, index). The bitwise ones take integers (a double only when it
+  // is whole). An unknown name or arity evaluates to absent with
+  // ZBPredicateUnsupportedError.
   static NSExpressionPtr expressionForFunction(std::string name, std::vector<NSExpressionPtr> arguments);
+  // FUNCTION(operand, "selector", arguments…): selector sent to the value of
+  // operand (the evaluated object when null). Evaluated: "uppercase",
+  // "uppercaseString", "lowercase", "lowercaseString" and "length" on strings,
+  // "pow:" on numbers; a nil receiver gives absent. Another selector or arity
+  // evaluates to absent with ZBPredicateUnsupportedError, a receiver of the
+  // wrong kind with ZBPredicateTypeMismatchError.
+  static NSExpressionPtr expressionForFunction(NSExpressionPtr operand, std::string selector,
+                                               std::vector<NSExpressionPtr> arguments);
   // {a, b, …}; elements are expressions.
   static NSExpressionPtr expressionForAggregate(std::vector<NSExpressionPtr> collection);
   // SUBQUERY(collection, $variable, predicate): the elements for which the
@@ -73,10 +89,11 @@ public:
   const Value& constantValue() const { return _constant; }
   const std::string& keyPath() const { return _name; }   // KeyPath
   const std::string& variable() const { return _name; }  // Variable, Subquery (its variable)
-  const std::string& function() const { return _name; }  // Function
+  const std::string& function() const { return _name; }  // Function (the selector of FUNCTION)
   const std::string& symbol() const { return _name; }    // Symbolic
-  // The operand of a key path (the evaluated object for a plain key path), or
-  // the collection of a subquery.
+  // The operand of a key path (the evaluated object for a plain key path), the
+  // receiver of FUNCTION (null for the other functions), or the collection of
+  // a subquery.
   const NSExpressionPtr& operand() const { return _operand; }
   // Function arguments, or the elements of an aggregate.
   const std::vector<NSExpressionPtr>& arguments() const { return _arguments; }
@@ -110,14 +127,15 @@ public:
   // Returns a reference either into object, into the expression itself, or
   // into scratch.
   const Value& _evaluate(const Value& object, ZBPredicateEvaluationState& state, Value& scratch) const;
-  // True for the infix forms (+ - * / **), which print parenthesised when
-  // nested.
+  // True for the infix forms (+ - * / ** & | ^ << >>), which print
+  // parenthesised when nested.
   bool _isInfix() const;
   void _appendFormat(std::string& out) const;
 
 private:
   const Value& _evaluateKeyPath(const Value& object, ZBPredicateEvaluationState& state, Value& scratch) const;
   const Value& _evaluateFunction(const Value& object, ZBPredicateEvaluationState& state, Value& scratch) const;
+  const Value& _evaluateSelector(const Value& object, ZBPredicateEvaluationState& state, Value& scratch) const;
 
   NSExpressionType _type;
   Value _constant;

@@ -8,8 +8,9 @@
 //   NSExpression           NSExpressionType (integer), and by type:
 //                          NSConstantValue; NSName (key path, variable, function,
 //                          symbol, subquery variable); NSOperand (key path
-//                          operand, subquery collection); NSArguments (function
-//                          arguments, aggregate elements); NSPredicate (subquery)
+//                          operand, FUNCTION receiver, subquery collection);
+//                          NSArguments (function arguments, aggregate
+//                          elements); NSPredicate (subquery)
 
 #include <mutex>
 
@@ -97,7 +98,10 @@ std::shared_ptr<NSObject> decodeExpression(NSKeyedUnarchiver& coder, NSErrorPtr*
       std::vector<NSExpressionPtr> arguments;
       if (!decodeArray(coder, kExpressionArrayClasses, "NSArguments", arguments)) return nullptr;
       if (type == NSExpressionType::Aggregate) return NSExpression::expressionForAggregate(std::move(arguments));
-      return NSExpression::expressionForFunction(std::move(name), std::move(arguments));
+      auto receiver = coder.decodeObjectOfClass("NSExpression", "NSOperand").as<NSExpression>();
+      if (coder.error()) return nullptr;
+      if (!receiver) return NSExpression::expressionForFunction(std::move(name), std::move(arguments));
+      return NSExpression::expressionForFunction(std::move(receiver), std::move(name), std::move(arguments));
     }
     case NSExpressionType::Subquery: {
       if (!decodeName(coder, name)) return nullptr;
@@ -194,6 +198,7 @@ void NSExpression::encodeWithCoder(NSKeyedArchiver& coder) const {
     case NSExpressionType::Function:
       coder.encodeObject(Value(_name), "NSName");
       coder.encodeObject(Value(encodeExpressions(_arguments)), "NSArguments");
+      if (_operand) coder.encodeObject(Value(_operand), "NSOperand");
       return;
     case NSExpressionType::Aggregate:
       coder.encodeObject(Value(encodeExpressions(_arguments)), "NSArguments");

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include "support/TogetherThreads.h"
 
 // Readable failure messages (TU-local, found by argument-dependent lookup).
 static void PrintTo(const Value& value, std::ostream* os) { *os << value.description(); }
@@ -120,6 +121,10 @@ TEST(NSObjectKeyValueCoding, KeyPathsThroughObjectsDictionariesAndCollections) {
   EXPECT_EQ(owner->valueForKeyPath("postSet.@max.price"), Value(4.5));
   EXPECT_EQ(owner->valueForKeyPath("posts.@max.title"), Value("two"));
   EXPECT_TRUE(owner->valueForKeyPath("posts.@bogus.price").isAbsent());
+  // A string answers its length in UTF-16 units, and no other key.
+  EXPECT_EQ(owner->valueForKeyPath("posts.title.length"), Value(Array{3, 3, Value::null()}));
+  EXPECT_EQ(valueForKeyPath(Value("Tea 🍵é"), "length"), Value(7));
+  EXPECT_TRUE(valueForKeyPath(Value("abc"), "count").isAbsent());
   // Integral sums stay integral.
   EXPECT_TRUE(valueForKeyPath(Value(Array{1, 2, 3}), "@sum").isInteger());
   EXPECT_EQ(valueForKeyPath(Value(Array{1, 2, 3}), "@sum"), Value(6));
@@ -558,20 +563,18 @@ TEST(NSObjectObservation, ConcurrentRegistrationRemovalAndChanges) {
 
   constexpr int kWriters = 3, kChurners = 3, kChanges = 400, kSwaps = 100;
   std::atomic<int> lateCallbacks{0};
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> threads;
-  for (int w = 0; w < kWriters; ++w) {
-    threads.emplace_back([&, w] {
-      for (int i = 0; i < kChanges; ++i) leaf1->setValueForKey(w * kChanges + i, "v");
-    });
-  }
-  threads.emplace_back([&] {
-    for (int i = 0; i < kSwaps; ++i) root->setValueForKey(i % 2 ? leaf1 : leaf2, "leaf");
-  });
-  for (int c = 0; c < kChurners; ++c) {
-    threads.emplace_back([&, c] {
+  std::atomic<int> working{kWriters + 1};  // churners go on until the writers and the swapper are done
+  RunTogether(kWriters + 1 + kChurners, [&](int t) {
+    if (t < kWriters) {
+      for (int i = 0; i < kChanges; ++i) leaf1->setValueForKey(t * kChanges + i, "v");
+      --working;
+    } else if (t == kWriters) {
+      for (int i = 0; i < kSwaps; ++i) root->setValueForKey(i % 2 ? leaf1 : leaf2, "leaf");
+      --working;
+    } else {
+      const int c = t - kWriters - 1;
       int round = 0;
-      while (!stop.load()) {
+      while (working.load() > 0) {
         auto removed = std::make_shared<std::atomic<bool>>(false);
         auto check = [&lateCallbacks, removed](const std::string&, NSObject&, const NSKeyValueChange&) {
           std::this_thread::yield();  // widen the window between the validity check and the call's end
@@ -591,11 +594,8 @@ TEST(NSObjectObservation, ConcurrentRegistrationRemovalAndChanges) {
         }
         removed->store(true);
       }
-    });
-  }
-  for (int i = 0; i < kWriters + 1; ++i) threads[static_cast<std::size_t>(i)].join();
-  stop.store(true);
-  for (std::size_t i = kWriters + 1; i < threads.size(); ++i) threads[i].join();
+    }
+  });
 
   EXPECT_EQ(steadyLeaf.load(), kWriters * kChanges);
   EXPECT_EQ(steadyRoot.load(), kSwaps);
@@ -613,21 +613,16 @@ TEST(NSObjectObservation, ChainRewiresConsistentlyUnderConcurrentSwaps) {
   std::atomic<int> calls{0};
   auto token = root->addObserver("leaf.v", NSKeyValueObservingOptions::None,
                                  [&](const std::string&, NSObject&, const NSKeyValueChange&) { ++calls; });
-  std::thread s1([&] {
-    for (int i = 0; i < 300; ++i) root->setValueForKey(a, "leaf");
-  });
-  std::thread s2([&] {
-    for (int i = 0; i < 300; ++i) root->setValueForKey(b, "leaf");
-  });
-  std::thread w([&] {
+  RunTogether(3, [&](int t) {
     for (int i = 0; i < 300; ++i) {
-      a->setValueForKey(i, "v");
-      b->setValueForKey(i, "v");
+      if (t < 2) {
+        root->setValueForKey(t == 0 ? a : b, "leaf");
+      } else {
+        a->setValueForKey(i, "v");
+        b->setValueForKey(i, "v");
+      }
     }
   });
-  s1.join();
-  s2.join();
-  w.join();
   auto current = root->valueForKey("leaf").as<Box>();
   auto other = current == a ? b : a;
   calls = 0;

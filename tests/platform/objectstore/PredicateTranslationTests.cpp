@@ -17,7 +17,8 @@ void seed(Seeded& seeded) {
   auto context = seeded.stack.newContext();
   const std::vector<Value> titles{Value("Swift tips"), Value("swift"), Value("Café"), Value("CAFÉ"), Value("cafe"),
                                   Value("naïve approach"), Value("O'Brien\"; DROP TABLE Post; --"), Value("100%_*"),
-                                  Value(""), Value(), Value("Zebra 42"), Value("m"), Value("ß-Straße")};
+                                  Value(""), Value(), Value("Zebra 42"), Value("m"), Value("ß-Straße"),
+                                  Value("Tea \U0001F375")};
   const std::vector<std::vector<std::string>> tagSets{{}, {"swift"}, {"swift", "ios"}, {"SWIFT"}, {"cooking", "café"},
                                                       {"sa", "sb"}};
   auto inbox = context->insertNewObjectForEntityForName("Folder");
@@ -80,6 +81,11 @@ std::vector<Case> cases(const Seeded& seeded, NSManagedObjectContext& context) {
       {"NOT (title BEGINSWITH 'S')"}, {"NOT ANY tags.title == 'swift'"}, {"NOT (source < 3 OR title == nil)"},
       {"TRUEPREDICATE"}, {"FALSEPREDICATE"}, {"title == %@", {Value("O'Brien\"; DROP TABLE Post; --")}},
       {"identifier == url"}, {"identifier != url"},
+      // A string answers length in UTF-16 code units (the cup counts 2).
+      {"title.length == 4"}, {"title.length == 6"}, {"title.length >= 8"}, {"title.length == nil"},
+      {"title.length != 0"}, {"folder.name.length == 5"}, {"ANY tags.title.length == 2"},
+      {"title.length == source"}, {"source.length == nil", {}, false},
+      {"source & 1 == 1", {}, false}, {"FUNCTION(title, 'length') == 4", {}, false},
       {"source + 1 == 4", {}, false}, {"SUBQUERY(tags, $t, $t.title BEGINSWITH 's').@count > 0", {}, false},
       {"unread == YES AND source * 2 > 4", {}, false}, {"ANY tags.posts.title == 'swift'", {}, false},
   };

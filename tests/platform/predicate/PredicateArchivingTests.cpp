@@ -52,6 +52,7 @@ TEST(PredicateArchiving, DecodingGivesAnEqualPredicate) {
       "SELF == $obj", "$v.title == 1", "(a + b) * -c ** 2 == d / 4", "a[FIRST] == a[SIZE]",
       "sum:(list) > now()", "CAST(x, 'NSString') == '1'", "x IN {$a, 1}",
       "SUBQUERY(tags, $t, $t.title CONTAINS 'a' AND $t.posts.@count > 1).@count > 0",
+      "FUNCTION(a, 'pow:', 2) == FUNCTION(SELF, 'pow:', 2)", "a & 1 | b << 2 == c ^ d >> 1",
   };
   for (const char* format : formats) {
     SCOPED_TRACE(format);

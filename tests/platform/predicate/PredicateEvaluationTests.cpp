@@ -8,6 +8,7 @@
 #include "platform/predicate/NSCompoundPredicate.h"
 #include "platform/predicate/NSPredicate.h"
 #include "platform/predicate/ZBPredicateError.h"
+#include "support/TogetherThreads.h"
 
 namespace {
 
@@ -270,6 +271,47 @@ TEST(PredicateEvaluation, ArithmeticAndFunctions) {
   EXPECT_EQ(faultOf("a / 0 == 1", object), ZBPredicateTypeMismatchError);
 }
 
+TEST(PredicateEvaluation, BitwiseOperatorsSelectorsAndStringLength) {
+  Value object = Dictionary{{"a", 6},         {"b", 3},
+                            {"w", 4.0},       {"x", 2.5},
+                            {"name", "abc"},  {"wide", "a\U0001F600é"},
+                            {"list", Array{"ab", "cde", 7}}, {"set", Set{"ab", "cd"}}};
+  const char* truths[] = {
+      "1 << 3 == 8",          "2 | 1 == 3",            "a & b == 2",           "a ^ b == 5",
+      "a >> 1 == 3",          "-8 >> 1 == -4",         "1 << 64 == 0",         "-1 >> 70 == -1",
+      "1 << 63 < 0",          "YES | 2 == 3",          "w & 5 == 4",           "missing & 1 == nil",
+      // Below arithmetic, in C's order: 6 & (3 + 1), 1 | (2 ^ (3 & (4 << 1))).
+      "6 & 3 + 1 == 4",       "1 + 1 << 2 == 8",       "1 | 2 ^ 3 & 4 << 1 == 3",
+      "FUNCTION('a', 'uppercase') == 'A'",             "FUNCTION(name, 'uppercaseString') == 'ABC'",
+      "FUNCTION('ÀB', 'lowercase') == 'àb'",           "FUNCTION(wide, 'length') == 4",
+      "FUNCTION(b, 'pow:', 2) == 9",                   "FUNCTION(2, 'pow:', -1) == 0.5",
+      "FUNCTION(missing, 'length') == nil",            "FUNCTION({name}[0], 'length') == 3",
+      "min(list.length) == 2", "max({1, 5}) == 5",     "abs(-2) == 2",         "sum(list.length) == 5",
+      // Strings answer length in UTF-16 code units, also inside collections
+      // (a set maps to a set; an operator sees every element).
+      "name.length == 3",     "wide.length == 4",      "ANY list.length == 3", "list.@max.length == 3",
+      "set.@sum.length == 4", "set.length.@count == 1", "name.size == nil",    "a.length == nil",
+  };
+  for (const char* format : truths) EXPECT_TRUE(eval(format, object)) << format;
+  EXPECT_TRUE(eval("%K & %@ == %K", object, {"a", 14, "a"}));
+  EXPECT_FALSE(eval("%K & %@ == %K", object, {"a", 1, "a"}));
+  Value post = Value(std::make_shared<Post>("Notes", true, Set{tag("swift"), tag("iOS")}));
+  EXPECT_TRUE(eval("title.length == 5 AND ANY tags.title.length == 3 AND NOT ANY tags.title.length == 4", post));
+  auto bound = NSPredicate::predicateWithFormat("FUNCTION($s, 'length') == 3")->predicateWithSubstitutionVariables(
+      Dictionary{{"s", "abc"}});
+  EXPECT_EQ(bound->predicateFormat(), "FUNCTION(\"abc\", \"length\") == 3");
+  EXPECT_TRUE(bound->evaluateWithObject(Value()));
+
+  EXPECT_EQ(faultOf("name.length == 3 AND name.size == nil", object), 0);
+  EXPECT_EQ(faultOf("FUNCTION(name, 'frobnicate') == 1", object), ZBPredicateUnsupportedError);
+  EXPECT_EQ(faultOf("FUNCTION(name, 'length', 1) == 1", object), ZBPredicateUnsupportedError);
+  EXPECT_EQ(faultOf("FUNCTION(name, 'pow:', 2) == 1", object), ZBPredicateTypeMismatchError);
+  EXPECT_EQ(faultOf("FUNCTION(a, 'uppercase') == 1", object), ZBPredicateTypeMismatchError);
+  EXPECT_EQ(faultOf("FUNCTION(a, 'pow:', 'x') == 1", object), ZBPredicateTypeMismatchError);
+  EXPECT_EQ(faultOf("x | 1 == 3", object), ZBPredicateTypeMismatchError);
+  EXPECT_EQ(faultOf("1 << -1 == 0", object), ZBPredicateTypeMismatchError);
+}
+
 TEST(PredicateEvaluation, VariablesBindAtEvaluationOrBySubstitution) {
   auto p = NSPredicate::predicateWithFormat("date >= $since AND title == $title");
   ASSERT_TRUE(p);
@@ -329,14 +371,10 @@ TEST(PredicateEvaluation, SharedPredicatesEvaluateOnManyThreads) {
   Value hit = Dictionary{{"title", "Café Swift Tips"}};
   Value miss = Dictionary{{"title", "Cafe Rust Tips"}};
   std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 2000; ++i) {
-        if (!p->evaluateWithObject(hit) || p->evaluateWithObject(miss)) ++wrong;
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  RunTogether(4, [&](int) {
+    for (int i = 0; i < 2000; ++i) {
+      if (!p->evaluateWithObject(hit) || p->evaluateWithObject(miss)) ++wrong;
+    }
+  });
   EXPECT_EQ(wrong.load(), 0);
 }

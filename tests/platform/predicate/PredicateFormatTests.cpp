@@ -126,6 +126,18 @@ TEST(PredicateFormat, PrintsTheCanonicalForm) {
       {"a CONTAINS 'x' AND a ENDSWITH 'y' AND a MATCHES 'z'", "(a CONTAINS \"x\" AND a ENDSWITH \"y\") AND a MATCHES \"z\""},
       {"ÄÖ == 1", "ÄÖ == 1"},
       {"a\\x2db == 1", "a\\x2db == 1"},
+      {"FUNCTION('a', 'uppercase') == 'A'", "FUNCTION(\"a\", \"uppercase\") == \"A\""},
+      {"function(a, \"pow:\", 3) == 8", "FUNCTION(a, \"pow:\" , 3) == 8"},
+      {"FUNCTION(SELF, 'a:b:', 1, x + 1) == 1", "FUNCTION(SELF, \"a:b:\" , 1, x + 1) == 1"},
+      {"1 << 3 == 8 AND 2 | 1 == 3", "1 << 3 == 8 AND 2 | 1 == 3"},
+      // Bitwise operators bind less tightly than arithmetic: | ^ & then shifts.
+      {"a | b ^ c & d << 1 + 2 == 0", "a | (b ^ (c & (d << (1 + 2)))) == 0"},
+      {"a >> 1 << 2 == b & c & d", "(a >> 1) << 2 == (b & c) & d"},
+      {"(a | b) * 2 == 6", "(a | b) * 2 == 6"},
+      {"a & 1 == 1 && b|2 == 3", "a & 1 == 1 AND b | 2 == 3"},
+      {"min(x) == 1 AND sum({1, 2}) == 3 AND now() > d", "(min:(x) == 1 AND sum:({1, 2}) == 3) AND now() > d"},
+      {"name.length == 3", "name.length == 3"},
+      {"a.$b == 1 AND $v.$w == 2", "a.$b == 1 AND $v.$w == 2"},
   };
   for (const auto& [input, expected] : cases) EXPECT_EQ(printed(input), expected) << input;
 }
@@ -157,6 +169,14 @@ TEST(PredicateFormat, SubstitutesArgumentsStructurally) {
   EXPECT_EQ(printed("a.%K == 1", {"b.c"}), "a.b.c == 1");
   EXPECT_EQ(printed("%K == 1", {"first"}), "#first == 1");
   EXPECT_EQ(printed("%K == 1", {"has space"}), "has\\x20space == 1");
+  EXPECT_EQ(printed("%K & %@ == %K", {"flags", 4, "flags"}), "flags & 4 == flags");
+  EXPECT_EQ(printed("min(%@) == 1", {Array{1, 2}}), "min:({1, 2}) == 1");
+  EXPECT_EQ(printed("FUNCTION(%K, %@) == 3", {"name", "length"}), "FUNCTION(name, \"length\") == 3");
+  // A key beginning with '$' prints as written except first in a path, where
+  // it would read back as a variable.
+  EXPECT_EQ(printed("%K == 1", {"$single"}), "\\x24single == 1");
+  EXPECT_EQ(printed("%K == 1", {"a.$b.$"}), "a.$b.\\x24 == 1");
+  EXPECT_EQ(printed("$v.%K == 1", {"$w x"}), "$v.$w\\x20x == 1");
   // Extra arguments are ignored; the count of consumed ones follows %%.
   EXPECT_EQ(printed("a == %d AND b CONTAINS %% AND c == %d", {1, 2, 3}), "(a == 1 AND b CONTAINS \"%\") AND c == 2");
 }
@@ -190,6 +210,9 @@ TEST(PredicateFormat, RoundTripsABroadCorpus) {
       "x == -9223372036854775808", "x == 1.7976931348623157e308", "x == 4.9e-324", "x == 1e999", "x == -1e999",
       "x == 0.1 + 0.2", "a\\u00e9b == 1", "a\\101 == 1", "x == CAST('00ff10', 'NSData')",
       "x == 1 AND x == 2 AND x == 3 AND x == 4 AND x == 5 OR x == 6 OR x == 7",
+      "FUNCTION(a, 'pow:', 3) == 8", "FUNCTION(FUNCTION('a', 'x'), 'y:z:', {1, b}, $v) == nil",
+      "FUNCTION(a + 1, 'sum:', 1)[0] == 1", "a | b & c ^ d >> e << 1 == -x & 3", "(a & b) + 1 == c ** 2 | 1",
+      "min(x) == max(y) AND randomn(3) < 3", "name.length > 2", "a.$b.c == 1", "SELF.$x == 1", "$v.$w.$x == 1",
   };
   for (const char* format : corpus) expectRoundTrip(format);
   expectRoundTrip("x == %@ AND y IN %@ AND z == %@ AND w == %K",
@@ -198,6 +221,7 @@ TEST(PredicateFormat, RoundTripsABroadCorpus) {
   expectRoundTrip("%K == %@", {"true", "YES"});
   expectRoundTrip("x IN {CAST('nan', 'NSNumber'), CAST('-nan', 'NSNumber')} AND y == %@", {std::nan("")});
   expectRoundTrip("$a\\x20b == 1 AND SUBQUERY(x, $\\x2d, TRUEPREDICATE) == 1");
+  expectRoundTrip("%K == 1 AND %K == 2 AND $v.%K == 3", {"$x", "a.$y\\z.$", "$\x01"});
 }
 
 TEST(PredicateFormat, MalformedInputGivesAnErrorWithItsPosition) {
@@ -219,8 +243,9 @@ TEST(PredicateFormat, MalformedInputGivesAnErrorWithItsPosition) {
       {"a === 1", 4},                // unknown operator
       {"a LIKES 'x'", 2},            // unknown operator word
       {"a ! 1", 2},                  //
-      {"a & b", 2},                  // bitwise operators are not supported
-      {"a | b", 2},                  //
+      {"a & b", 5},                  // a bitwise expression is not a predicate
+      {"a << == 1", 5},              //
+      {"a & & b == 1", 4},           //
       {"a == 'x", 5},                // unterminated string
       {"a == \"x\\\"", 5},           // escaped closing quote leaves it open
       {"a == 1 AND", 10},            // dangling AND
@@ -261,7 +286,13 @@ TEST(PredicateFormat, MalformedInputGivesAnErrorWithItsPosition) {
       {"CAST('x', 'NSNumber') == 1", 0},  // constant that cannot be cast
       {"foo:(1) == 1", 0},           // unknown function
       {"sum:(1, 2) == 1", 0},        // wrong arity
-      {"FUNCTION(a, 'b') == 1", 0},  // not supported
+      {"FUNCTION(a) == 1", 0},       // FUNCTION needs a selector string
+      {"FUNCTION(a, b) == 1", 0},    //
+      {"FUNCTION(a, '') == 1", 0},   //
+      {"FUNCTION == 1", 0},          //
+      {"min(1, 2) == 1", 0},         // a bare name has the arity of its colon form
+      {"foo(1) == 1", 0},            //
+      {"a.$ == 1", 2},               //
       {"a == 1 ANYKEY", 7},          //
       {"a BETWEEN", 9},              //
       {"TRUEPREDICATE == 1", 14},    //

@@ -16,6 +16,7 @@ const char* kFragments[] = {
     "NOT", "!", "ANY", "ALL", "NONE", "SOME", "IN", "CONTAINS", "BEGINSWITH", "ENDSWITH", "LIKE", "MATCHES",
     "BETWEEN", "TRUEPREDICATE", "FALSEPREDICATE", "SUBQUERY(", "CAST(", "'NSDate'", "sum:(", "now()", "FIRST",
     "LAST", "SIZE", "%@", "%K", "%d", "%%", "%", "?", "\\x41", "é", "\xff", "#", "@", "$", ":", " ", "\n",
+    "&", "|", "^", "<<", ">>", "FUNCTION(", "'pow:'", "min(", ".length", ".$k",
 };
 
 // Builds random text from the grammar, so most of it parses and reaches the
@@ -46,10 +47,15 @@ public:
       case 4: return _one({"$v", "$7__days", "$x1"});
       case 5: return _one({"%@", "%K", "%d", "%f", "%%"});
       case 6: return "{" + expression(depth - 1) + ", " + expression(depth - 1) + "}";
-      case 7: return expression(depth - 1) + _one({" + ", " - ", " * ", " / ", " ** "}) + expression(depth - 1);
+      case 7:
+        return expression(depth - 1) + _one({" + ", " - ", " * ", " / ", " ** ", " & ", " | ", " ^ ", " << ", " >> "}) +
+               expression(depth - 1);
       case 8: return "(" + expression(depth - 1) + ")";
       case 9: return expression(depth - 1) + "[" + _one({"0", "FIRST", "last", "SIZE", "$i"}) + "]";
-      case 10: return _one({"sum:(", "count:(", "abs:(", "uppercase:("}) + expression(depth - 1) + ")";
+      case 10:
+        if (_pick(3) == 0)
+          return "FUNCTION(" + expression(depth - 1) + ", " + _one({"'length'", "'pow:', 2", "'a:b:', $v, x"}) + ")";
+        return _one({"sum:(", "count:(", "abs:(", "uppercase:(", "min("}) + expression(depth - 1) + ")";
       default:
         return _pick(2) ? "CAST(" + expression(depth - 1) + ", " + _one({"'NSDate'", "'NSNumber'", "'NSString'"}) + ")"
                         : "SUBQUERY(" + expression(depth - 1) + ", $t, " + predicate(depth - 1) + ")" +
@@ -91,7 +97,7 @@ void checkRoundTrip(const std::string& format, const std::vector<Value>& argumen
 
 TEST(PredicateHostileInput, RandomFragmentSequencesNeverCrash) {
   std::mt19937 random(20240601);
-  const std::vector<Value> arguments = {"key.path", 3, Array{1, 2}, "x", NSDate(5.0), Value(), 2.5, "k"};
+  const std::vector<Value> arguments = {"key.path", 3, Array{1, 2}, "x", NSDate(5.0), Value(), 2.5, "k", "$k.$v"};
   int parsed = 0;
   for (int round = 0; round < 8000; ++round) {
     std::string format;
@@ -111,7 +117,8 @@ TEST(PredicateHostileInput, RandomFragmentSequencesNeverCrash) {
 
 TEST(PredicateHostileInput, GeneratedPredicatesRoundTrip) {
   Generator generator(4242);
-  const std::vector<Value> arguments = {"key.path", "k", 3, 2.5, "x", Array{1, "2"}, NSDate(5.0), Value(), "kk", 9};
+  const std::vector<Value> arguments = {"key.path", "k", 3, 2.5, "x", Array{1, "2"}, NSDate(5.0), Value(), "kk", 9,
+                                        "$a.b.$c"};
   int parsed = 0;
   for (int round = 0; round < 10000; ++round) {
     std::string format = generator.predicate(3);
@@ -128,6 +135,7 @@ TEST(PredicateHostileInput, TruncationsAndByteNoiseNeverCrash) {
       "(a == 1 OR b.c CONTAINS[cd] 'x') AND NOT ANY tags.title IN {'a', \"b\"}",
       "SUBQUERY(tags, $t, $t.title MATCHES '.*' AND $t.n BETWEEN {1, 2}).@count > CAST(3, 'NSDate')",
       "a + b * -c ** 2 == sum:({1, 2.5e3, 0x10}) || #first[LAST] LIKE[n] 'a\\*?' && $7__days >= now()",
+      "FUNCTION(a.$b, 'pow:', 1 << 2 | x & 3 ^ 1) >= min(name.length) >> 1",
   };
   std::mt19937 random(77);
   for (const std::string& seed : seeds) {

@@ -137,6 +137,9 @@ TEST(PredicateTree, HandBuiltTreesEqualParsedOnes) {
   EXPECT_TRUE(parse("a == 1")->isEqual(*parse("a == 1.0")));
   EXPECT_TRUE(parse("a == YES")->isEqual(*parse("a == 1")));
   EXPECT_FALSE(parse("a == 1")->isEqual(*parse("a == '1'")));
+  // FUNCTION's receiver is part of the tree: it is not the built-in of the same name.
+  EXPECT_FALSE(parse("FUNCTION(a, 'length') == 1")->isEqual(*parse("FUNCTION(b, 'length') == 1")));
+  EXPECT_FALSE(parse("FUNCTION(SELF, 'abs:', x) == 1")->isEqual(*parse("abs:(x) == 1")));
   EXPECT_TRUE(NSPredicate::predicateWithValue(true)->isEqual(*parse("TRUEPREDICATE")));
   EXPECT_FALSE(NSPredicate::predicateWithValue(true)->isEqual(*parse("FALSEPREDICATE")));
 

@@ -134,16 +134,20 @@ private:
 
   // Resolves a key path on the entity of layout into a scalar operand. Follows
   // to-one relationships held in a foreign key column; "rel.@count" of a
-  // to-many relationship becomes a count subquery.
+  // to-many relationship becomes a count subquery, "attr.length" of a string
+  // attribute its length in UTF-16 code units.
   bool scalar(const std::string& keyPath, const ZBEntityLayout& layout, const std::string& alias, Operand* operand) {
     auto dot = keyPath.find('.');
     std::string head = keyPath.substr(0, dot);
     std::string rest = dot == std::string::npos ? std::string() : keyPath.substr(dot + 1);
     auto& entity = *layout.entity;
     if (auto* attribute = entity.attributeNamed(head)) {
-      if (!rest.empty()) return false;
       operand->sql = alias + "." + layout.attributeColumns[attribute->index()];
       operand->kind = kindOf(attribute->attributeType());
+      if (rest.empty()) return true;
+      if (rest != "length" || operand->kind != Kind::String) return false;
+      operand->sql = "zb_utf16_length(" + operand->sql + ")";
+      operand->kind = Kind::Number;
       return true;
     }
     auto* relationship = entity.relationshipNamed(head);
@@ -518,6 +522,15 @@ bool textArgument(sqlite3_value* value, std::string_view* text) {
   return true;
 }
 
+void utf16LengthFunction(sqlite3_context* context, int, sqlite3_value** argv) {
+  std::string_view text;
+  if (!textArgument(argv[0], &text)) {
+    sqlite3_result_null(context);
+    return;
+  }
+  sqlite3_result_int64(context, static_cast<sqlite3_int64>(ZBStringUTF16Length(text)));
+}
+
 void foldFunction(sqlite3_context* context, int, sqlite3_value** argv) {
   std::string_view text;
   if (!textArgument(argv[0], &text)) {
@@ -624,6 +637,7 @@ bool ZBTranslatePredicate(const NSPredicate& predicate, const ZBSQLiteStore& sto
 void ZBRegisterSQLFunctions(sqlite3* db) {
   const int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
   sqlite3_create_function_v2(db, "zb_fold", 2, flags, nullptr, foldFunction, nullptr, nullptr, nullptr);
+  sqlite3_create_function_v2(db, "zb_utf16_length", 1, flags, nullptr, utf16LengthFunction, nullptr, nullptr, nullptr);
   sqlite3_create_function_v2(db, "zb_beginswith", 3, flags, nullptr, beginsWithFunction, nullptr, nullptr, nullptr);
   sqlite3_create_function_v2(db, "zb_endswith", 3, flags, nullptr, endsWithFunction, nullptr, nullptr, nullptr);
   sqlite3_create_function_v2(db, "zb_contains", 3, flags, nullptr, containsFunction, nullptr, nullptr, nullptr);

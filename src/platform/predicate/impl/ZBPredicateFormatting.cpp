@@ -74,10 +74,19 @@ void ZBPredicateAppendNumber(std::string& out, const Value& number) {
   }
 }
 
-void ZBPredicateAppendKeyComponent(std::string& out, std::string_view component) {
+void ZBPredicateAppendKeyComponent(std::string& out, std::string_view component, bool afterDot) {
   if (ZBPredicateIsReservedWord(component)) {
     out += '#';
     out += component;
+    return;
+  }
+  // A component that begins with '$' (only %K makes one) prints as written
+  // wherever the parser reads "$name" back as a key: after a dot, as in
+  // a.$b. First in a path "$b" would read back as a variable, so there the
+  // '$' is escaped: \x24b.
+  if (afterDot && component.size() > 1 && component[0] == '$') {
+    out += '$';
+    ZBPredicateAppendVariableName(out, component.substr(1));
     return;
   }
   std::size_t i = 0;

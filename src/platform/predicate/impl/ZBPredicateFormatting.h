@@ -14,8 +14,9 @@ void ZBPredicateAppendConstant(std::string& out, const Value& value);
 void ZBPredicateAppendQuotedString(std::string& out, std::string_view text);
 void ZBPredicateAppendNumber(std::string& out, const Value& number);
 // One key path component: reserved words get '#', characters that cannot
-// appear in an identifier are escaped as \xHH.
-void ZBPredicateAppendKeyComponent(std::string& out, std::string_view component);
+// appear in an identifier are escaped as \xHH. afterDot says that the
+// component follows a '.', where a leading '$' can print as written.
+void ZBPredicateAppendKeyComponent(std::string& out, std::string_view component, bool afterDot);
 // A variable name after its '$': identifier characters (digits may lead),
 // others escaped as \xHH.
 void ZBPredicateAppendVariableName(std::string& out, std::string_view name);

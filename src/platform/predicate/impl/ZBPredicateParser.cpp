@@ -28,6 +28,7 @@ enum class Tok {
   End, Ident, AtIdent, Variable, Number, String, Format,
   LParen, RParen, LBrace, RBrace, LBracket, RBracket, Comma, Dot, Colon,
   Eq, Ne, Lt, Le, Gt, Ge, AndAnd, OrOr, Bang, Plus, Minus, Star, StarStar, Slash,
+  Ampersand, Pipe, Caret, ShiftLeft, ShiftRight,
 };
 
 struct Token {
@@ -140,14 +141,15 @@ private:
       case '<':
         if (_peek(1) == '=') return single(Tok::Le, 2);
         if (_peek(1) == '>') return single(Tok::Ne, 2);
+        if (_peek(1) == '<') return single(Tok::ShiftLeft, 2);
         return single(Tok::Lt);
-      case '>': return _peek(1) == '=' ? single(Tok::Ge, 2) : single(Tok::Gt);
-      case '&':
-        if (_peek(1) == '&') return single(Tok::AndAnd, 2);
-        return _fail("bitwise '&' is not supported (did you mean &&?)", _i);
-      case '|':
-        if (_peek(1) == '|') return single(Tok::OrOr, 2);
-        return _fail("bitwise '|' is not supported (did you mean ||?)", _i);
+      case '>':
+        if (_peek(1) == '=') return single(Tok::Ge, 2);
+        if (_peek(1) == '>') return single(Tok::ShiftRight, 2);
+        return single(Tok::Gt);
+      case '&': return _peek(1) == '&' ? single(Tok::AndAnd, 2) : single(Tok::Ampersand);
+      case '|': return _peek(1) == '|' ? single(Tok::OrOr, 2) : single(Tok::Pipe);
+      case '^': return single(Tok::Caret);
       case '"':
       case '\'':
         return _string(t);
@@ -630,12 +632,45 @@ private:
 
   // --- expressions
 
-  Ex _expression(Ex seed) { return _additive(std::move(seed)); }
+  Ex _expression(Ex seed) { return _bitwise(std::move(seed)); }
 
   Ex _binary(const char* function, Ex left, Ex right) {
     int depth = std::max(left.depth, right.depth) + 1;
     if (!_checkDepth(depth)) return {};
     return Ex{NSExpression::expressionForFunction(function, {left.e, right.e}), depth};
+  }
+
+  // The bitwise operators bind less tightly than arithmetic, in C's order (|
+  // loosest, then ^, then &, then the shifts), all left-associative:
+  // a | b & c << 1 + 2 is a | (b & (c << (1 + 2))). Comparisons stay looser.
+  // One precedence-climbing loop reads them, so a parenthesised operand costs
+  // one stack frame here rather than one per level.
+  static int _bitwisePrecedence(Tok kind) {
+    switch (kind) {
+      case Tok::Pipe: return 1;
+      case Tok::Caret: return 2;
+      case Tok::Ampersand: return 3;
+      case Tok::ShiftLeft: case Tok::ShiftRight: return 4;
+      default: return 0;
+    }
+  }
+
+  Ex _bitwise(Ex seed, int minimumPrecedence = 1) {
+    Ex left = _additive(std::move(seed));
+    while (left) {
+      int precedence = _bitwisePrecedence(_peek().kind);
+      if (precedence < minimumPrecedence) break;
+      Tok op = _advance().kind;
+      Ex right = _bitwise({}, precedence + 1);
+      if (!right) return {};
+      const char* function = op == Tok::Pipe        ? "bitwiseOr:with:"
+                             : op == Tok::Caret     ? "bitwiseXor:with:"
+                             : op == Tok::Ampersand ? "bitwiseAnd:with:"
+                             : op == Tok::ShiftLeft ? "leftshift:by:"
+                                                    : "rightshift:by:";
+      left = _binary(function, left, right);
+    }
+    return left;
   }
 
   Ex _additive(Ex seed) {
@@ -711,6 +746,11 @@ private:
         if (t.kind == Tok::Ident || t.kind == Tok::AtIdent) {
           _advance();
           e = _appendKey(e, t.text);
+        } else if (t.kind == Tok::Variable) {
+          // After a dot "$name" is a key that begins with '$' (from %K), not
+          // a variable.
+          _advance();
+          e = _appendKey(e, "$" + t.text);
         } else if (t.kind == Tok::Format && t.text == "K") {
           _advance();
           std::string path;
@@ -889,6 +929,7 @@ private:
       if (_keyword(t, "SELF")) return _advance(), Ex{NSExpression::expressionForEvaluatedObject(), 1};
       if (_keyword(t, "SUBQUERY")) return _subquery();
       if (_keyword(t, "CAST")) return _cast();
+      if (_keyword(t, "FUNCTION") && _peek(1).kind == Tok::LParen) return _selectorFunction();
       if (_peek(1).kind == Tok::LParen || (_peek(1).kind == Tok::Colon && _peek(2).kind == Tok::LParen))
         return _function();
       if (ZBPredicateIsReservedWord(t.text))
@@ -908,6 +949,11 @@ private:
     _advance();  // (
     std::vector<Ex> arguments;
     if (!_list(Tok::RParen, arguments)) return {};
+    // A bare name calls the function of that name, or else the one-argument
+    // function spelled with a colon: min(x) is min:(x).
+    if (function.back() != ':' && ZBPredicateFunctionArity(function) < 0 &&
+        ZBPredicateFunctionArity(function + ':') == 1)
+      function += ':';
     int arity = ZBPredicateFunctionArity(function);
     if (arity < 0 || function == "castObject:toType:" || function == "objectFrom:withIndex:" || function.find(':') != function.rfind(':'))
       return _fail("unknown function '" + function + "'", name.position), Ex{};
@@ -918,6 +964,24 @@ private:
     std::vector<NSExpressionPtr> expressions;
     for (Ex& a : arguments) expressions.push_back(std::move(a.e));
     return Ex{NSExpression::expressionForFunction(function, std::move(expressions)), depth};
+  }
+
+  // FUNCTION(receiver, "selector", arguments…): the selector sent to the
+  // receiver's value.
+  Ex _selectorFunction() {
+    std::size_t position = _advance().position;
+    _advance();  // (
+    std::vector<Ex> items;
+    if (!_list(Tok::RParen, items)) return {};
+    bool valid = items.size() >= 2 && items[1].e->expressionType() == NSExpressionType::ConstantValue &&
+                 items[1].e->constantValue().isString() && !items[1].e->constantValue().asString().empty();
+    if (!valid) return _fail("FUNCTION takes a receiver, a selector string and its arguments", position), Ex{};
+    int depth = _maxDepth(items) + 1;
+    if (!_checkDepth(depth)) return {};
+    std::vector<NSExpressionPtr> arguments;
+    for (std::size_t i = 2; i < items.size(); ++i) arguments.push_back(std::move(items[i].e));
+    const std::string& selector = items[1].e->constantValue().asString();
+    return Ex{NSExpression::expressionForFunction(items[0].e, selector, std::move(arguments)), depth};
   }
 
   Ex _cast() {
