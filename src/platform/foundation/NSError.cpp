@@ -15,6 +15,7 @@ const std::string NSFilePathErrorKey = "NSFilePath";
 const std::string NSURLErrorKey = "NSURL";
 const std::string NSDetailedErrorsKey = "NSDetailedErrors";
 const std::string NSValidationObjectErrorKey = "NSValidationErrorObject";
+const std::string NSDebugDescriptionErrorKey = "NSDebugDescription";
 const std::string NSValidationKeyErrorKey = "NSValidationErrorKey";
 const std::string NSPersistentStoreSaveConflictsErrorKey = "conflictList";
 

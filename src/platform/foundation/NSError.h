@@ -24,6 +24,7 @@ extern const std::string NSFilePathErrorKey;
 extern const std::string NSURLErrorKey;
 extern const std::string NSDetailedErrorsKey;
 extern const std::string NSValidationObjectErrorKey;
+extern const std::string NSDebugDescriptionErrorKey;  // detail for developers, never shown to users
 extern const std::string NSValidationKeyErrorKey;
 extern const std::string NSPersistentStoreSaveConflictsErrorKey;
 

@@ -110,11 +110,18 @@ std::string authorityPrefix(const NSURL::Parts& p) {
   std::string out = p.scheme + "://";
   if (p.user) {
     out += *p.user;
-    if (p.password) out += ":" + *p.password;
+    if (p.password) out.append(":").append(*p.password);
     out += "@";
   }
-  if (p.host) out += p.host->find(':') != std::string::npos ? "[" + *p.host + "]" : *p.host;
-  if (p.port) out += ":" + std::to_string(*p.port);
+  // Appends, not "literal" + string: GCC 12 at -O3 warns falsely (-Wrestrict)
+  // on the temporaries.
+  if (p.host) {
+    const bool literalIPv6 = p.host->find(':') != std::string::npos;
+    if (literalIPv6) out += '[';
+    out += *p.host;
+    if (literalIPv6) out += ']';
+  }
+  if (p.port) out.append(":").append(std::to_string(*p.port));
   return out;
 }
 

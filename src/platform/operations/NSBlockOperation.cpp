@@ -12,7 +12,7 @@ std::shared_ptr<NSBlockOperation> NSBlockOperation::blockOperationWithBlock(std:
 
 void NSBlockOperation::addExecutionBlock(std::function<void()> block) {
   if (!block) return;
-  std::lock_guard lock(_blocksMutex);
+  ZBMutexLock lock(_blocksMutex);
   if (_running || isFinished()) throw std::logic_error("NSBlockOperation: block added after the operation started");
   _blocks.push_back(std::move(block));
 }
@@ -20,7 +20,7 @@ void NSBlockOperation::addExecutionBlock(std::function<void()> block) {
 void NSBlockOperation::main() {
   std::vector<std::function<void()>> blocks;
   {
-    std::lock_guard lock(_blocksMutex);
+    ZBMutexLock lock(_blocksMutex);
     _running = true;
     blocks.swap(_blocks);
   }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/operations/NSOperation.h"
+#include "platform/foundation/ZBMutex.h"
 
 class NSBlockOperation : public NSOperation {
 public:
@@ -27,7 +28,7 @@ protected:
   void main() override;
 
 private:
-  std::mutex _blocksMutex;
-  std::vector<std::function<void()>> _blocks;
-  bool _running = false;
+  ZBMutex _blocksMutex;
+  std::vector<std::function<void()>> _blocks ZB_GUARDED_BY(_blocksMutex);
+  bool _running ZB_GUARDED_BY(_blocksMutex) = false;
 };

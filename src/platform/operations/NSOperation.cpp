@@ -5,6 +5,7 @@
 
 #include "platform/operations/NSOperationQueue.h"
 #include "platform/operations/NSRunLoop.h"
+#include "platform/operations/ZBCompletionProvider.h"
 
 namespace {
 const std::string kIsCancelled = "isCancelled";
@@ -19,7 +20,7 @@ NSOperation::~NSOperation() = default;
 
 void NSOperation::start() {
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (_started) throw std::logic_error("NSOperation: started twice");
     if (!isReady()) throw std::logic_error("NSOperation: started before its dependencies finished");
     _started = true;
@@ -31,8 +32,31 @@ void NSOperation::start() {
   willChangeValueForKey(kIsExecuting);
   _state.store(State::Executing);
   didChangeValueForKey(kIsExecuting);
-  main();
+  // One bad input must not take the process down: an exception ends this
+  // operation with an error instead of unwinding into the queue's thread.
+  NSErrorPtr thrown;
+  try {
+    main();
+  } catch (...) {
+    thrown = ZBErrorFromCurrentException();
+  }
+  if (thrown) {
+    {
+      ZBMutexLock lock(_mutex);
+      _thrownError = thrown;
+    }
+    mainDidThrow(thrown);
+    _finish();
+    return;
+  }
   if (!isAsynchronous()) _finish();
+}
+
+void NSOperation::mainDidThrow(const NSErrorPtr&) {}
+
+NSErrorPtr NSOperation::thrownError() const {
+  ZBMutexLock lock(_mutex);
+  return _thrownError;
 }
 
 void NSOperation::finish() { _finish(); }
@@ -40,7 +64,7 @@ void NSOperation::finish() { _finish(); }
 void NSOperation::_finish() {
   bool wasExecuting;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (_finishing || !_started) return;
     _finishing = true;
     wasExecuting = _state.load() == State::Executing;
@@ -53,7 +77,7 @@ void NSOperation::_finish() {
   std::function<void()> completion;
   std::shared_ptr<NSOperationQueue> queue;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     _state.store(State::Finished);
     dependents.swap(_dependents);
     hooks.swap(_finishHooks);
@@ -77,7 +101,7 @@ void NSOperation::_finish() {
 
 void NSOperation::cancel() {
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (_cancelling || _finishing) return;
     _cancelling = true;
   }
@@ -92,13 +116,13 @@ void NSOperation::addDependency(const std::shared_ptr<NSOperation>& operation) {
   if (!operation) return;
   if (operation.get() == this) throw std::logic_error("NSOperation: an operation cannot depend on itself");
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (std::find(_dependencies.begin(), _dependencies.end(), operation) != _dependencies.end()) return;
     _dependencies.push_back(operation);
   }
   // Registering under the dependency's lock orders it against its _finish:
   // either we are in the list it swaps out, or it was already finished.
-  std::lock_guard lock(operation->_mutex);
+  ZBMutexLock lock(operation->_mutex);
   if (operation->_state.load() == State::Finished) return;
   operation->_dependents.push_back(std::static_pointer_cast<NSOperation>(shared_from_this()));
   _pendingDependencies.fetch_add(1);
@@ -107,14 +131,14 @@ void NSOperation::addDependency(const std::shared_ptr<NSOperation>& operation) {
 void NSOperation::removeDependency(const std::shared_ptr<NSOperation>& operation) {
   if (!operation) return;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     auto it = std::find(_dependencies.begin(), _dependencies.end(), operation);
     if (it == _dependencies.end()) return;
     _dependencies.erase(it);
   }
   bool wasPending = false;
   {
-    std::lock_guard lock(operation->_mutex);
+    ZBMutexLock lock(operation->_mutex);
     auto& dependents = operation->_dependents;
     auto it = std::find_if(dependents.begin(), dependents.end(),
                            [this](const std::weak_ptr<NSOperation>& w) { return w.lock().get() == this; });
@@ -127,7 +151,7 @@ void NSOperation::removeDependency(const std::shared_ptr<NSOperation>& operation
 }
 
 std::vector<std::shared_ptr<NSOperation>> NSOperation::dependencies() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _dependencies;
 }
 
@@ -139,7 +163,7 @@ void NSOperation::_dispatchIfReady() {
   if (_dispatched.load() || !isReady()) return;
   std::shared_ptr<NSOperationQueue> queue;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (_started) return;
     queue = _queue;
   }
@@ -149,7 +173,7 @@ void NSOperation::_dispatchIfReady() {
 
 void NSOperation::_whenFinished(std::function<void()> hook) {
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (_state.load() != State::Finished) {
       _finishHooks.push_back(std::move(hook));
       return;
@@ -159,7 +183,7 @@ void NSOperation::_whenFinished(std::function<void()> hook) {
 }
 
 bool NSOperation::_isQueuedOrStarted() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _queue || _started;
 }
 
@@ -171,23 +195,23 @@ void NSOperation::waitUntilFinished() {
     _mainThreadWaiters.fetch_sub(1);
     return;
   }
-  std::unique_lock lock(_mutex);
-  _finishedCondition.wait(lock, [this] { return _state.load() == State::Finished; });
+  ZBMutexLock lock(_mutex);
+  lock.wait(_finishedCondition, [this] { return _state.load() == State::Finished; });
 }
 
 void NSOperation::setCompletionBlock(std::function<void()> block) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   // Set after the end it would never run; the platform ignores it too.
   if (_state.load() != State::Finished) _completionBlock = std::move(block);
 }
 
 std::string NSOperation::name() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _name;
 }
 
 void NSOperation::setName(std::string name) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _name = std::move(name);
 }
 

@@ -16,6 +16,9 @@
 //   the change. "isReady" is readable but not observed.
 // - Dependencies must not form a cycle (its members never become ready). Add
 //   them before the operation is queued or started.
+// - An exception that escapes main() does not leave the thread: the operation
+//   finishes (an asynchronous one too), thrownError() then holds an error
+//   naming it, and subclasses that publish a result publish that error.
 //
 // Lifetime: held by std::shared_ptr (create()); an operation keeps its
 // dependencies alive, and a queue keeps its operations alive until they
@@ -26,11 +29,12 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/NSError.h"
 #include "platform/foundation/NSObject.h"
+#include "platform/foundation/ZBMutex.h"
 
 class NSOperationQueue;
 
@@ -77,6 +81,11 @@ public:
   std::string name() const;
   void setName(std::string name);
 
+  // The error made from an exception that escaped main(), once it has
+  // (domain ZBConcurrentOperationErrorDomain, code
+  // ZBConcurrentOperationExceptionError); null otherwise.
+  NSErrorPtr thrownError() const;
+
   // "isCancelled", "isExecuting", "isFinished", "isReady", "isAsynchronous"
   // (also without the "is" prefix, in lower case).
   Value valueForKey(const std::string& key) const override;
@@ -89,6 +98,10 @@ protected:
   // Ends an asynchronous operation; calls after the first are ignored. Also
   // usable from inside main().
   void finish();
+  // Called on the operation's thread when main() threw, before it finishes;
+  // a subclass that publishes a result publishes error. The base does
+  // nothing.
+  virtual void mainDidThrow(const NSErrorPtr& error);
 
 private:
   friend class NSOperationQueue;
@@ -104,23 +117,23 @@ private:
   void _whenFinished(std::function<void()> hook);
   bool _isQueuedOrStarted() const;
 
-  mutable std::mutex _mutex;
+  mutable ZBMutex _mutex;
   std::condition_variable _finishedCondition;
   std::atomic<State> _state{State::Pending};
   std::atomic<bool> _cancelled{false};
   std::atomic<int> _pendingDependencies{0};
   std::atomic<bool> _dispatched{false};
   std::atomic<int> _mainThreadWaiters{0};
-  // Guarded by _mutex:
-  bool _started = false;
-  bool _finishing = false;
-  bool _cancelling = false;
-  std::vector<std::shared_ptr<NSOperation>> _dependencies;
-  std::vector<std::weak_ptr<NSOperation>> _dependents;
-  std::vector<std::function<void()>> _finishHooks;
-  std::function<void()> _completionBlock;
-  std::shared_ptr<NSOperationQueue> _queue;
-  std::string _name;
+  bool _started ZB_GUARDED_BY(_mutex) = false;
+  bool _finishing ZB_GUARDED_BY(_mutex) = false;
+  bool _cancelling ZB_GUARDED_BY(_mutex) = false;
+  std::vector<std::shared_ptr<NSOperation>> _dependencies ZB_GUARDED_BY(_mutex);
+  std::vector<std::weak_ptr<NSOperation>> _dependents ZB_GUARDED_BY(_mutex);
+  std::vector<std::function<void()>> _finishHooks ZB_GUARDED_BY(_mutex);
+  std::function<void()> _completionBlock ZB_GUARDED_BY(_mutex);
+  std::shared_ptr<NSOperationQueue> _queue ZB_GUARDED_BY(_mutex);
+  std::string _name ZB_GUARDED_BY(_mutex);
+  NSErrorPtr _thrownError ZB_GUARDED_BY(_mutex);
   // Guarded by the queue's mutex: where the queue keeps this operation, and
   // whether the queue launched it (it then holds one of the queue's slots).
   std::list<std::shared_ptr<NSOperation>>::iterator _queuePosition;

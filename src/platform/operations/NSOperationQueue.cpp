@@ -31,7 +31,7 @@ const std::shared_ptr<NSOperationQueue>& NSOperationQueue::mainQueue() {
   // Never destroyed, like the main run loop it drains on.
   static const auto* queue = [] {
     auto* created = new std::shared_ptr<NSOperationQueue>(std::make_shared<NSOperationQueue>(true));
-    (*created)->_name = "NSOperationQueue Main Queue";
+    (*created)->setName("NSOperationQueue Main Queue");
     return created;
   }();
   return *queue;
@@ -44,9 +44,9 @@ std::shared_ptr<NSOperationQueue> NSOperationQueue::currentQueue() {
 void NSOperationQueue::addOperation(const std::shared_ptr<NSOperation>& operation) {
   if (!operation) return;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     {
-      std::lock_guard operationLock(operation->_mutex);
+      ZBMutexLock operationLock(operation->_mutex);
       if (operation->_queue || operation->_started || operation->_finishing) {
         throw std::logic_error("NSOperationQueue: operation is already queued, running or finished");
       }
@@ -83,23 +83,26 @@ void NSOperationQueue::waitUntilAllOperationsAreFinished() {
     _mainThreadWaiters.fetch_sub(1);
     return;
   }
-  std::unique_lock lock(_mutex);
-  _emptied.wait(lock, [this] { return _operations.empty(); });
+  ZBMutexLock lock(_mutex);
+  lock.wait(_emptied, [this] {
+    _mutex.assertHeld();
+    return _operations.empty();
+  });
 }
 
 std::vector<std::shared_ptr<NSOperation>> NSOperationQueue::operations() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return {_operations.begin(), _operations.end()};
 }
 
 std::size_t NSOperationQueue::operationCount() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _operations.size();
 }
 
 int NSOperationQueue::maxConcurrentOperationCount() const {
   if (_isMainQueue) return 1;
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _maxConcurrent;
 }
 
@@ -107,7 +110,7 @@ void NSOperationQueue::setMaxConcurrentOperationCount(int count) {
   if (_isMainQueue) return;
   std::vector<std::shared_ptr<NSOperation>> launch;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     _maxConcurrent = count < 0 ? NSOperationQueueDefaultMaxConcurrentOperationCount : std::max(count, 1);
     launch = _takeLaunchable();
   }
@@ -115,14 +118,14 @@ void NSOperationQueue::setMaxConcurrentOperationCount(int count) {
 }
 
 bool NSOperationQueue::isSuspended() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _suspended;
 }
 
 void NSOperationQueue::setSuspended(bool suspended) {
   std::vector<std::shared_ptr<NSOperation>> launch;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     _suspended = suspended;
     launch = _takeLaunchable();
   }
@@ -130,12 +133,12 @@ void NSOperationQueue::setSuspended(bool suspended) {
 }
 
 std::string NSOperationQueue::name() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _name;
 }
 
 void NSOperationQueue::setName(std::string name) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _name = std::move(name);
 }
 
@@ -155,7 +158,7 @@ std::vector<std::shared_ptr<NSOperation>> NSOperationQueue::_takeLaunchable() {
 void NSOperationQueue::_operationReady(const std::shared_ptr<NSOperation>& operation) {
   std::vector<std::shared_ptr<NSOperation>> launch;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     _ready.push_back(operation);
     launch = _takeLaunchable();
   }
@@ -174,7 +177,7 @@ void NSOperationQueue::_launch(const std::shared_ptr<NSOperation>& operation) {
 void NSOperationQueue::_run(const std::shared_ptr<NSOperation>& operation) {
   bool startedElsewhere;
   {
-    std::lock_guard lock(operation->_mutex);
+    ZBMutexLock lock(operation->_mutex);
     startedElsewhere = operation->_started;
   }
   if (startedElsewhere || !operation->isReady()) {
@@ -183,7 +186,7 @@ void NSOperationQueue::_run(const std::shared_ptr<NSOperation>& operation) {
     // for readiness again.
     std::vector<std::shared_ptr<NSOperation>> launch;
     {
-      std::lock_guard lock(_mutex);
+      ZBMutexLock lock(_mutex);
       if (operation->_launchedByQueue) {
         operation->_launchedByQueue = false;
         --_running;
@@ -205,7 +208,7 @@ void NSOperationQueue::_operationFinished(const std::shared_ptr<NSOperation>& op
   std::vector<std::shared_ptr<NSOperation>> launch;
   bool emptied;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     _operations.erase(operation->_queuePosition);
     operation->_queuePosition = {};
     if (operation->_launchedByQueue) {

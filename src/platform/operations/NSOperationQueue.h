@@ -23,11 +23,11 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/foundation/NSObject.h"
+#include "platform/foundation/ZBMutex.h"
 
 class NSOperation;
 class NSBlockOperation;
@@ -81,20 +81,20 @@ private:
   }
   void _operationReady(const std::shared_ptr<NSOperation>& operation);
   void _operationFinished(const std::shared_ptr<NSOperation>& operation);
-  // Starts ready operations while slots are free; requires _mutex, returns
-  // those to launch after unlocking.
-  std::vector<std::shared_ptr<NSOperation>> _takeLaunchable();
+  // Starts ready operations while slots are free; returns those to launch
+  // after unlocking.
+  std::vector<std::shared_ptr<NSOperation>> _takeLaunchable() ZB_REQUIRES(_mutex);
   void _launch(const std::shared_ptr<NSOperation>& operation);
   void _run(const std::shared_ptr<NSOperation>& operation);
 
   const bool _isMainQueue;
-  mutable std::mutex _mutex;
+  mutable ZBMutex _mutex;
   std::condition_variable _emptied;
   std::atomic<int> _mainThreadWaiters{0};
-  std::list<std::shared_ptr<NSOperation>> _operations;
-  std::deque<std::shared_ptr<NSOperation>> _ready;
-  std::size_t _running = 0;
-  int _maxConcurrent = NSOperationQueueDefaultMaxConcurrentOperationCount;
-  bool _suspended = false;
-  std::string _name;
+  std::list<std::shared_ptr<NSOperation>> _operations ZB_GUARDED_BY(_mutex);
+  std::deque<std::shared_ptr<NSOperation>> _ready ZB_GUARDED_BY(_mutex);
+  std::size_t _running ZB_GUARDED_BY(_mutex) = 0;
+  int _maxConcurrent ZB_GUARDED_BY(_mutex) = NSOperationQueueDefaultMaxConcurrentOperationCount;
+  bool _suspended ZB_GUARDED_BY(_mutex) = false;
+  std::string _name ZB_GUARDED_BY(_mutex);
 };

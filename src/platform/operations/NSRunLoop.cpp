@@ -69,13 +69,13 @@ bool NSRunLoop::isMainThread() {
 
 void NSRunLoop::performBlock(std::function<void()> block) {
   if (!block) return;
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _blocks.push_back(std::move(block));
   _wake.notify_one();
 }
 
 void NSRunLoop::wakeUp() {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _signalled = true;
   _wake.notify_one();
 }
@@ -88,11 +88,11 @@ void NSRunLoop::stop() {
 void NSRunLoop::addTimer(const std::shared_ptr<NSTimer>& timer) {
   if (!timer) return;
   {
-    std::lock_guard timerLock(timer->_mutex);
+    ZBMutexLock timerLock(timer->_mutex);
     if (!timer->_valid || timer->_scheduled) return;
     timer->_scheduled = true;
   }
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _timers.push_back(timer);
   _signalled = true;
   _wake.notify_one();
@@ -101,17 +101,18 @@ void NSRunLoop::addTimer(const std::shared_ptr<NSTimer>& timer) {
 void NSRunLoop::_timerChanged() { wakeUp(); }
 
 std::uint64_t NSRunLoop::addTurnObserver(std::function<void()> observer) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   std::uint64_t id = _nextObserverID++;
   _observers.push_back(std::make_shared<TurnObserver>(TurnObserver{id, std::move(observer)}));
   return id;
 }
 
 void NSRunLoop::removeTurnObserver(std::uint64_t observerID) {
-  std::unique_lock lock(_mutex);
+  ZBMutexLock lock(_mutex);
   std::erase_if(_observers, [&](const auto& o) { return o->id == observerID; });
   if (_runningThread.load() == std::this_thread::get_id()) return;
-  _observerDone.wait(lock, [&] {
+  lock.wait(_observerDone, [&] {
+    _mutex.assertHeld();
     return std::find(_callingObservers.begin(), _callingObservers.end(), observerID) == _callingObservers.end();
   });
 }
@@ -119,19 +120,19 @@ void NSRunLoop::removeTurnObserver(std::uint64_t observerID) {
 void NSRunLoop::_notifyTurnObservers() {
   std::vector<std::shared_ptr<TurnObserver>> snapshot;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     snapshot = _observers;
   }
   for (const auto& observer : snapshot) {
     {
-      std::lock_guard lock(_mutex);
+      ZBMutexLock lock(_mutex);
       // Skip observers removed by an earlier observer of this turn.
       if (std::none_of(_observers.begin(), _observers.end(), [&](const auto& o) { return o == observer; })) continue;
       _callingObservers.push_back(observer->id);
     }
     observer->callback();
     {
-      std::lock_guard lock(_mutex);
+      ZBMutexLock lock(_mutex);
       _callingObservers.pop_back();  // nested turns push and pop above the outer ones
     }
     _observerDone.notify_all();
@@ -141,7 +142,7 @@ void NSRunLoop::_notifyTurnObservers() {
 bool NSRunLoop::_fireTimers() {
   std::vector<std::shared_ptr<NSTimer>> timers;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (_timers.empty()) return false;
     timers = _timers;
   }
@@ -155,7 +156,7 @@ bool NSRunLoop::_fireTimers() {
   bool fired = false;
   for (auto& [fireDate, timer] : due) fired |= timer->_fireIfDue(current);
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     std::erase_if(_timers, [](const auto& t) { return !t->isValid(); });
   }
   return fired;
@@ -165,7 +166,7 @@ bool NSRunLoop::_turn(NSDate limitDate, double realWaitCap) {
   bool did = _fireTimers();
   std::size_t count;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     count = _blocks.size();
   }
   // Blocks are taken one at a time from the shared queue so that a nested run
@@ -173,7 +174,7 @@ bool NSRunLoop::_turn(NSDate limitDate, double realWaitCap) {
   for (std::size_t i = 0; i < count; ++i) {
     std::function<void()> block;
     {
-      std::lock_guard lock(_mutex);
+      ZBMutexLock lock(_mutex);
       if (_blocks.empty()) break;
       block = std::move(_blocks.front());
       _blocks.pop_front();
@@ -186,7 +187,7 @@ bool NSRunLoop::_turn(NSDate limitDate, double realWaitCap) {
     return true;
   }
 
-  std::unique_lock lock(_mutex);
+  ZBMutexLock lock(_mutex);
   if (!_blocks.empty() || _stopRequested.load()) return false;
   if (_signalled) {
     _signalled = false;
@@ -197,7 +198,10 @@ bool NSRunLoop::_turn(NSDate limitDate, double realWaitCap) {
   for (const auto& timer : _timers) wait = std::min(wait, timer->_nextFireDate().timeIntervalSinceDate(current));
   wait = std::min(wait, kMaximumWait);
   if (!(wait > 0)) return false;
-  _wake.wait_for(lock, std::chrono::duration<double>(wait), [&] { return _signalled || !_blocks.empty(); });
+  lock.waitFor(_wake, std::chrono::duration<double>(wait), [&] {
+    _mutex.assertHeld();
+    return _signalled || !_blocks.empty();
+  });
   _signalled = false;
   return false;
 }

@@ -22,11 +22,11 @@
 #include <functional>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "platform/foundation/NSDate.h"
+#include "platform/foundation/ZBMutex.h"
 
 class NSTimer;
 
@@ -90,14 +90,15 @@ private:
   void _notifyTurnObservers();
   void _timerChanged();
 
-  std::mutex _mutex;
+  ZBMutex _mutex;
   std::condition_variable _wake;
-  bool _signalled = false;
-  std::deque<std::function<void()>> _blocks;
-  std::vector<std::shared_ptr<NSTimer>> _timers;
-  std::vector<std::shared_ptr<TurnObserver>> _observers;
-  std::uint64_t _nextObserverID = 1;
-  std::vector<std::uint64_t> _callingObservers;  // observers being called, innermost last
+  bool _signalled ZB_GUARDED_BY(_mutex) = false;
+  std::deque<std::function<void()>> _blocks ZB_GUARDED_BY(_mutex);
+  std::vector<std::shared_ptr<NSTimer>> _timers ZB_GUARDED_BY(_mutex);
+  std::vector<std::shared_ptr<TurnObserver>> _observers ZB_GUARDED_BY(_mutex);
+  std::uint64_t _nextObserverID ZB_GUARDED_BY(_mutex) = 1;
+  // Observers being called, innermost last.
+  std::vector<std::uint64_t> _callingObservers ZB_GUARDED_BY(_mutex);
   std::condition_variable _observerDone;
 
   // The thread running the loop (nesting depth counts re-entrant runs).

@@ -28,17 +28,17 @@ std::shared_ptr<NSTimer> NSTimer::scheduledTimerWithTimeInterval(double interval
 }
 
 bool NSTimer::isValid() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _valid;
 }
 
 NSDate NSTimer::fireDate() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _fireDate;
 }
 
 NSDate NSTimer::_nextFireDate() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   // An invalid or firing timer never makes the loop wake for it.
   return _valid && !_firing ? _fireDate : NSDate(std::numeric_limits<double>::infinity());
 }
@@ -46,7 +46,7 @@ NSDate NSTimer::_nextFireDate() const {
 void NSTimer::setFireDate(NSDate date) {
   bool scheduled;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     _fireDate = date;
     scheduled = _scheduled && _valid;
   }
@@ -54,19 +54,19 @@ void NSTimer::setFireDate(NSDate date) {
 }
 
 double NSTimer::tolerance() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _tolerance;
 }
 
 void NSTimer::setTolerance(double tolerance) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _tolerance = tolerance > 0 ? tolerance : 0;
 }
 
 void NSTimer::invalidate() {
   Block released;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     _valid = false;
     // A firing in progress still holds its own copy of the block.
     released = std::exchange(_block, nullptr);
@@ -76,7 +76,7 @@ void NSTimer::invalidate() {
 void NSTimer::fire() {
   Block block;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (!_valid) return;
     block = _block;
   }
@@ -89,7 +89,7 @@ void NSTimer::fire() {
 bool NSTimer::_fireIfDue(NSDate now) {
   Block block;
   {
-    std::lock_guard lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (!_valid || _firing || _fireDate > now) return false;
     if (_repeats) {
       // Skip missed firings but keep the phase.
@@ -102,7 +102,7 @@ bool NSTimer::_fireIfDue(NSDate now) {
   auto self = std::static_pointer_cast<NSTimer>(shared_from_this());
   if (block) block(*this);
   Block released;  // destroyed after the lock is let go: its captures may touch the timer
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _firing = false;
   if (!_repeats) {
     _valid = false;

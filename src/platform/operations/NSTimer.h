@@ -15,10 +15,10 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "platform/foundation/NSDate.h"
 #include "platform/foundation/NSObject.h"
+#include "platform/foundation/ZBMutex.h"
 
 class NSRunLoop;
 
@@ -60,11 +60,11 @@ private:
 
   const double _interval;
   const bool _repeats;
-  mutable std::mutex _mutex;
-  Block _block;
-  NSDate _fireDate;
-  double _tolerance = 0;
-  bool _valid = true;
-  bool _scheduled = false;
-  bool _firing = false;
+  mutable ZBMutex _mutex;
+  Block _block ZB_GUARDED_BY(_mutex);
+  NSDate _fireDate ZB_GUARDED_BY(_mutex);
+  double _tolerance ZB_GUARDED_BY(_mutex) = 0;
+  bool _valid ZB_GUARDED_BY(_mutex) = true;
+  bool _scheduled ZB_GUARDED_BY(_mutex) = false;
+  bool _firing ZB_GUARDED_BY(_mutex) = false;
 };

@@ -15,6 +15,19 @@ ZBCompletionProvider ZBCompletionProviderWithResult(Value result, NSErrorPtr err
   };
 }
 
+NSErrorPtr ZBErrorFromCurrentException() {
+  std::string what = "unknown exception";
+  try {
+    throw;
+  } catch (const std::exception& exception) {
+    what = exception.what();
+  } catch (...) {
+  }
+  return NSError::create(ZBConcurrentOperationErrorDomain, ZBConcurrentOperationExceptionError,
+                         Dictionary{{NSLocalizedDescriptionKey, ZBLocalizedString("The operation stopped on an internal error.")},
+                                    {NSDebugDescriptionErrorKey, std::move(what)}});
+}
+
 NSErrorPtr ZBUserCancelledError() { return NSError::create(NSCocoaErrorDomain, NSUserCancelledError); }
 
 ZBCompletionProvider ZBMissingCompletionProvider(const NSOperation& operation) {
@@ -25,6 +38,10 @@ ZBCompletionProvider ZBMissingCompletionProvider(const NSOperation& operation) {
 }
 
 Value ZBOperationResult(const NSOperation& operation, NSErrorPtr* error) {
+  if (auto thrown = operation.thrownError()) {
+    ZBSetError(error, std::move(thrown));
+    return {};
+  }
   if (auto providing = dynamic_cast<const ZBCompletionProviding*>(&operation)) {
     return providing->completionProvider()(error);
   }

@@ -46,7 +46,13 @@ enum : std::int64_t {
   // No completion provider was set. An internal inconsistency, not worth a
   // retry: the operation's code misses a path.
   ZBConcurrentOperationNoResultError = 1,
+  // An exception escaped the operation's work (a fault in the code or an
+  // input it did not expect); NSDebugDescriptionErrorKey holds its text.
+  // Retrying the same input fails the same way.
+  ZBConcurrentOperationExceptionError = 2,
 };
+// The error for the exception being handled; call only inside a catch block.
+NSErrorPtr ZBErrorFromCurrentException();
 // The provider an operation reports before it set its own.
 ZBCompletionProvider ZBMissingCompletionProvider(const NSOperation& operation);
 

@@ -9,15 +9,22 @@ void ZBConcurrentOperation::setupOperations(const ZBAddWorkOperation&) {}
 
 ZBCompletionProvider ZBConcurrentOperation::completionProvider() const {
   {
-    std::lock_guard lock(_providerMutex);
+    ZBMutexLock lock(_providerMutex);
     if (_provider) return _provider;
   }
   return ZBMissingCompletionProvider(*this);
 }
 
 void ZBConcurrentOperation::setCompletionProvider(ZBCompletionProvider provider) {
-  std::lock_guard lock(_providerMutex);
-  _provider = std::move(provider);
+  ZBMutexLock lock(_providerMutex);
+  if (!_threw) _provider = std::move(provider);
+}
+
+void ZBConcurrentOperation::_failWithException(NSErrorPtr error) {
+  ZBMutexLock lock(_providerMutex);
+  if (_threw) return;
+  _threw = true;
+  _provider = ZBCompletionProviderWithResult({}, std::move(error));
 }
 
 void ZBConcurrentOperation::complete(Value result, NSErrorPtr error) {
@@ -33,7 +40,11 @@ void ZBConcurrentOperation::main() {
     if (!operation) return;
     if (auto owner = weakOwner.lock()) owner->_addWork(operation);
   };
-  setupOperations(addWorkOperation);
+  try {
+    setupOperations(addWorkOperation);
+  } catch (...) {
+    _failWithException(ZBErrorFromCurrentException());
+  }
   _workFinished();
 }
 
@@ -43,7 +54,13 @@ void ZBConcurrentOperation::_addWork(const std::shared_ptr<NSOperation>& operati
   long count = _outstanding.load();
   while (count > 0 && !_outstanding.compare_exchange_weak(count, count + 1)) {
   }
-  if (count > 0) operation->_whenFinished([this] { _workFinished(); });
+  if (count > 0) {
+    // The hook runs inside operation's own finish, so the raw pointer is live.
+    operation->_whenFinished([this, work = operation.get()] {
+      if (auto thrown = work->thrownError()) _failWithException(std::move(thrown));
+      _workFinished();
+    });
+  }
   if (!operation->_isQueuedOrStarted()) _workQueue->addOperation(operation);
 }
 

@@ -18,6 +18,9 @@
 //   Operations handed over after that run but are not waited for.
 // - Cancelling the owner only sets isCancelled: pending work still runs, and
 //   the subclass checks isCancelled at each phase boundary (beginPhase()).
+// - An exception that escapes setupOperations() or any work operation fails
+//   the owner: its provider then yields ZBConcurrentOperationExceptionError,
+//   whatever the plan sets afterwards.
 // - A provider never set reads as ZBMissingCompletionProvider describes:
 //   absent with ZBUserCancelledError() if the owner was cancelled (also when
 //   it was cancelled before it started and so never ran its plan), otherwise
@@ -32,12 +35,12 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "platform/operations/NSOperation.h"
 #include "platform/operations/ZBCompletionProvider.h"
 #include "platform/operations/ZBPromiseOperation.h"
+#include "platform/foundation/ZBMutex.h"
 
 class NSBlockOperation;
 
@@ -94,9 +97,11 @@ private:
   }
   void _addWork(const std::shared_ptr<NSOperation>& operation);
   void _workFinished();
+  void _failWithException(NSErrorPtr error);
 
-  mutable std::mutex _providerMutex;
-  ZBCompletionProvider _provider;
+  mutable ZBMutex _providerMutex;
+  ZBCompletionProvider _provider ZB_GUARDED_BY(_providerMutex);
+  bool _threw ZB_GUARDED_BY(_providerMutex) = false;  // the provider is then final
   std::shared_ptr<NSOperationQueue> _workQueue;  // set before setupOperations, then read-only
   std::shared_ptr<ZBConcurrentOperation> _keepAlive;
   // Unfinished work plus one while setupOperations() runs; 0 once finished.

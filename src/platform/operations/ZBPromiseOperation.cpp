@@ -8,7 +8,7 @@ std::shared_ptr<ZBPromiseOperation> ZBPromiseOperation::promiseOperationWithBloc
 
 ZBCompletionProvider ZBPromiseOperation::completionProvider() const {
   {
-    std::lock_guard lock(_resultMutex);
+    ZBMutexLock lock(_resultMutex);
     if (_provider) return _provider;
   }
   return ZBMissingCompletionProvider(*this);
@@ -17,13 +17,18 @@ ZBCompletionProvider ZBPromiseOperation::completionProvider() const {
 void ZBPromiseOperation::main() {
   Block block;
   {
-    std::lock_guard lock(_resultMutex);
+    ZBMutexLock lock(_resultMutex);
     block = std::move(_block);
     _block = nullptr;
   }
   NSErrorPtr error;
   Value result = block ? block(&error) : Value();
   block = nullptr;
-  std::lock_guard lock(_resultMutex);
+  ZBMutexLock lock(_resultMutex);
   _provider = ZBCompletionProviderWithResult(std::move(result), std::move(error));
+}
+
+void ZBPromiseOperation::mainDidThrow(const NSErrorPtr& error) {
+  ZBMutexLock lock(_resultMutex);
+  _provider = ZBCompletionProviderWithResult({}, error);
 }

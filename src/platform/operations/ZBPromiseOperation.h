@@ -6,7 +6,8 @@
 // absent and an error through its slot. Its usual job is to turn the results
 // of its dependencies into store changes: it reads their providers passing its
 // own error slot straight through, so a dependency's error becomes its own,
-// unchanged. It runs whether its dependencies succeeded or failed.
+// unchanged. It runs whether its dependencies succeeded or failed. A callable
+// that throws yields absent and ZBConcurrentOperationExceptionError.
 //
 // Lifetime: held by std::shared_ptr; the callable is released once it has
 // run. Thread-safety: as NSOperation; completionProvider() is safe from any
@@ -14,10 +15,10 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "platform/operations/NSOperation.h"
 #include "platform/operations/ZBCompletionProvider.h"
+#include "platform/foundation/ZBMutex.h"
 
 class ZBPromiseOperation : public NSOperation, public ZBCompletionProviding {
 public:
@@ -36,9 +37,10 @@ public:
 
 protected:
   void main() override;
+  void mainDidThrow(const NSErrorPtr& error) override;
 
 private:
-  mutable std::mutex _resultMutex;
-  Block _block;
-  ZBCompletionProvider _provider;
+  mutable ZBMutex _resultMutex;
+  Block _block ZB_GUARDED_BY(_resultMutex);
+  ZBCompletionProvider _provider ZB_GUARDED_BY(_resultMutex);
 };

@@ -308,3 +308,50 @@ TEST(ZBConcurrentOperation, WorkQueuedOnTheMainQueueIsWaitedFor) {
   EXPECT_TRUE(mainStepRan.load());
   EXPECT_EQ(resultOf(job, nullptr), Value(true));
 }
+
+TEST(ZBConcurrentOperation, ExceptionsFailTheirOperationAndTheJobNotTheProcess) {
+  auto expectThrown = [](const std::shared_ptr<NSOperation>& operation, const std::string& what) {
+    NSErrorPtr error;
+    EXPECT_FALSE(resultOf(operation, &error)) << operation->description();
+    ASSERT_TRUE(error) << operation->description();
+    EXPECT_EQ(error->domain(), ZBConcurrentOperationErrorDomain);
+    EXPECT_EQ(error->code(), ZBConcurrentOperationExceptionError);
+    EXPECT_EQ(error->userInfo().at(NSDebugDescriptionErrorKey), Value(what));
+  };
+  // A plain block and a promise, each on its own queue.
+  auto block = NSBlockOperation::blockOperationWithBlock([] { throw std::runtime_error("bad block"); });
+  runToEnd(block);
+  expectThrown(block, "bad block");
+  auto promise = ZBPromiseOperation::promiseOperationWithBlock([](NSErrorPtr*) -> Value { throw 42; });
+  runToEnd(promise);
+  expectThrown(promise, "unknown exception");
+
+  // The plan itself throws after handing over work: the job waits for that
+  // work and fails, whatever the work completes it with later.
+  auto setupThrows = TestJob::create([](TestJob& job, const ZBAddWorkOperation& add) {
+    add(NSBlockOperation::blockOperationWithBlock([&job] { job.complete("late success"); }));
+    throw std::logic_error("bad plan");
+  });
+  runToEnd(setupThrows);
+  expectThrown(setupThrows, "bad plan");
+
+  // A work operation throws in the middle of a phase; the continuation still
+  // runs and completes, but the exception decides the job's result.
+  std::atomic<bool> continued{false};
+  auto workThrows = TestJob::create([&](TestJob& job, const ZBAddWorkOperation& add) {
+    auto thrower = NSBlockOperation::blockOperationWithBlock([] { throw std::out_of_range("bad work"); });
+    add(thrower);
+    job.addContinuation(add, {thrower}, [&](const Array&) {
+      continued = true;
+      job.complete("ignored");
+    });
+  });
+  runToEnd(workThrows);
+  expectThrown(workThrows, "bad work");
+  EXPECT_FALSE(continued.load()) << "the continuation reads the thrower's error and stops";
+
+  // The queue's threads survive: later work runs as usual.
+  auto after = TestJob::create([](TestJob& job, const ZBAddWorkOperation&) { job.complete(1); });
+  runToEnd(after);
+  EXPECT_EQ(resultOf(after, nullptr), Value(1));
+}

@@ -1,6 +1,7 @@
 #include "platform/operations/impl/ZBThreadPool.h"
 
 #include <algorithm>
+#include <cassert>
 #include <thread>
 
 namespace {
@@ -27,7 +28,7 @@ ZBThreadPool::ZBThreadPool() {
 }
 
 void ZBThreadPool::submit(std::function<void()> task) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _pending.push_back(std::move(task));
   // Every waiting task should have a thread that can take it; idle threads
   // that were already woken still count as idle until they take one.
@@ -45,12 +46,12 @@ void ZBThreadPool::submit(std::function<void()> task) {
 }
 
 std::size_t ZBThreadPool::threadCount() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _threads;
 }
 
 std::size_t ZBThreadPool::idleThreadCount() const {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   return _idle;
 }
 
@@ -60,11 +61,11 @@ void ZBThreadPool::_spawnWorker() {
 }
 
 void ZBThreadPool::_workerLoop() {
-  std::unique_lock lock(_mutex);
+  ZBMutexLock lock(_mutex);
   for (;;) {
     while (_pending.empty()) {
       ++_idle;
-      bool timedOut = _workAvailable.wait_for(lock, kIdleLinger) == std::cv_status::timeout;
+      bool timedOut = lock.waitFor(_workAvailable, kIdleLinger) == std::cv_status::timeout;
       --_idle;
       if (timedOut && _pending.empty() && _threads > _minimumThreads) {
         --_threads;
@@ -75,17 +76,24 @@ void ZBThreadPool::_workerLoop() {
     _pending.pop_front();
     _lastTake = std::chrono::steady_clock::now();
     lock.unlock();
-    task();
+    try {
+      task();
+    } catch (...) {
+      assert(false && "a pool task let an exception escape");
+    }
     task = nullptr;  // release captures outside the lock
     lock.lock();
   }
 }
 
 void ZBThreadPool::_watchdogLoop() {
-  std::unique_lock lock(_mutex);
+  ZBMutexLock lock(_mutex);
   for (;;) {
-    _watchdogWake.wait(lock, [this] { return !_pending.empty(); });
-    _watchdogWake.wait_for(lock, kStarvationDelay);
+    lock.wait(_watchdogWake, [this] {
+      _mutex.assertHeld();
+      return !_pending.empty();
+    });
+    lock.waitFor(_watchdogWake, kStarvationDelay);
     auto now = std::chrono::steady_clock::now();
     if (!_pending.empty() && _pending.size() > _idle && now - _lastTake >= kStarvationDelay &&
         _threads < _hardLimit) {

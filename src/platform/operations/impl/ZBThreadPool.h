@@ -1,6 +1,7 @@
 #pragma once
 // The process-wide pool of background threads on which operation queues run
-// their operations. Internal to the operations layer.
+// their operations and managed object contexts their private queues' blocks.
+// Internal to the platform layer.
 //
 // It grows instead of queueing when every thread is busy: a task submitted
 // while no thread is idle gets a new thread, up to a soft limit of twice the
@@ -10,6 +11,9 @@
 // it (at the cost of that delay per extra thread). Idle threads above the
 // number of cores leave after a few seconds.
 //
+// A task must not let an exception escape: one that does is dropped at the
+// worker (and stops a debug build there), so the thread survives.
+//
 // Thread-safe. The pool lives until the process exits (its threads are
 // detached and it is never destroyed, so exit never waits for blocked work).
 
@@ -18,7 +22,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
+#include "platform/foundation/ZBMutex.h"
 
 class ZBThreadPool {
 public:
@@ -36,19 +40,19 @@ public:
 private:
   ZBThreadPool();
   ~ZBThreadPool() = delete;
-  void _spawnWorker();  // requires _mutex
+  void _spawnWorker() ZB_REQUIRES(_mutex);
   void _workerLoop();
   void _watchdogLoop();
 
-  mutable std::mutex _mutex;
+  mutable ZBMutex _mutex;
   std::condition_variable _workAvailable;
   std::condition_variable _watchdogWake;
-  std::deque<std::function<void()>> _pending;
-  std::size_t _threads = 0;
-  std::size_t _idle = 0;
-  std::size_t _minimumThreads;
-  std::size_t _softLimit;
+  std::deque<std::function<void()>> _pending ZB_GUARDED_BY(_mutex);
+  std::size_t _threads ZB_GUARDED_BY(_mutex) = 0;
+  std::size_t _idle ZB_GUARDED_BY(_mutex) = 0;
+  std::size_t _minimumThreads;  // set once by the constructor
+  std::size_t _softLimit;       // set once by the constructor
   std::size_t _hardLimit = 2048;
-  std::chrono::steady_clock::time_point _lastTake;
-  bool _watchdogStarted = false;
+  std::chrono::steady_clock::time_point _lastTake ZB_GUARDED_BY(_mutex);
+  bool _watchdogStarted ZB_GUARDED_BY(_mutex) = false;
 };
