@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/pinboardkit/ZBPinboardKit.h"
+#include "platform/pinboardkit/ZBPinboardPostListReader.h"
 #include "platform/pinboardkit/ZBPinboardResponseParser.h"
 
 namespace {

@@ -172,11 +172,11 @@ Simulator::Reply Simulator::_feed(const std::string& fullPath, const httplib::Re
   for (std::size_t k = 0; k < items.size(); ++k) {
     if (k) body += ',';
     bool own = secret && items[k].author == &user->username;
-    appendFeedItem(body, *items[k].bookmark, *items[k].author, own, _options.quirks);
+    appendFeedItem(body, *items[k].bookmark, *items[k].author, own, _quirks);
   }
   body += ']';
   if (req.has_param("cb")) body = req.get_param_value("cb") + "(" + body + ")";
-  return {200, frame(std::move(body), _options.quirks, "\n"), {}};
+  return {200, frame(std::move(body), _quirks, "\n"), {}};
 }
 
 }  // namespace pinboard_sim

@@ -132,7 +132,7 @@ Simulator::Reply Simulator::_api(const std::string& method, const httplib::Reque
 }
 
 Simulator::Reply Simulator::_json(const json& value) const {
-  return {200, frame(dump(value, _options.quirks), _options.quirks), {}};
+  return {200, frame(dump(value, _quirks), _quirks), {}};
 }
 
 Simulator::Reply Simulator::_resultCode(const std::string& text, const char* key) const {
@@ -144,6 +144,7 @@ Simulator::Reply Simulator::_postsUpdate(const Account& a) { return _json(json{{
 Simulator::Reply Simulator::_postsAdd(const httplib::Request& req, Account& a) {
   const bool xml = wantsXML(req);
   auto result = [&](const std::string& code) -> Reply {
+    _mutex.assertHeld();  // called below, under the lock this route runs with
     if (xml) return {200, xmlDocument("<result code=\"" + xmlEscape(code) + "\" />"), "text/xml; charset=utf-8"};
     return _resultCode(code);
   };
@@ -182,7 +183,7 @@ Simulator::Reply Simulator::_postsAdd(const httplib::Request& req, Account& a) {
   // Replacing overwrites every field the caller sends and drops what it leaves
   // out; the website's own marks (star, source, others) stay with the URL.
   if (dt) b.time = *dt;
-  else if (existing != a.bookmarks.end() && _options.quirks.keepTimeOnReplace) b.time = existing->second.time;
+  else if (existing != a.bookmarks.end() && _quirks.keepTimeOnReplace) b.time = existing->second.time;
   else b.time = now;
   if (existing != a.bookmarks.end()) {
     b.starred = existing->second.starred;
@@ -191,8 +192,7 @@ Simulator::Reply Simulator::_postsAdd(const httplib::Request& req, Account& a) {
   }
   b.refresh();
   a.bookmarks[url] = std::move(b);
-  a.touch(now);
-  ++_stateVersion;
+  _changed(a);
   return result("done");
 }
 
@@ -201,8 +201,7 @@ Simulator::Reply Simulator::_postsDelete(const httplib::Request& req, Account& a
   std::string code = "item not found";
   if (it != a.bookmarks.end()) {
     a.bookmarks.erase(it);
-    a.touch(static_cast<std::int64_t>(_now()));
-    ++_stateVersion;
+    _changed(a);
     code = "done";
   }
   if (wantsXML(req)) return {200, xmlDocument("<result code=\"" + code + "\" />"), "text/xml; charset=utf-8"};
@@ -250,7 +249,7 @@ Simulator::Reply Simulator::_postsGet(const httplib::Request& req, const Account
     }
   }
   if (wantsXML(req)) return {200, xmlPosts(a, latestTime(a), posts), "text/xml; charset=utf-8"};
-  return {200, frame(envelope(a, latestTime(a), posts, _options.quirks), _options.quirks), {}};
+  return {200, frame(envelope(a, latestTime(a), posts, _quirks), _quirks), {}};
 }
 
 Simulator::Reply Simulator::_postsRecent(const httplib::Request& req, const Account& a) {
@@ -270,7 +269,7 @@ Simulator::Reply Simulator::_postsRecent(const httplib::Request& req, const Acco
   }
   std::int64_t date = posts.empty() ? latestTime(a) : posts.front()->time;
   if (wantsXML(req)) return {200, xmlPosts(a, date, posts), "text/xml; charset=utf-8"};
-  return {200, frame(envelope(a, date, posts, _options.quirks), _options.quirks), {}};
+  return {200, frame(envelope(a, date, posts, _quirks), _quirks), {}};
 }
 
 Simulator::Reply Simulator::_postsDates(const httplib::Request& req, const Account& a) {
@@ -284,8 +283,8 @@ Simulator::Reply Simulator::_postsDates(const httplib::Request& req, const Accou
     return {200, xmlDocument(s + "</dates>"), "text/xml; charset=utf-8"};
   }
   json dates = json::object();
-  for (const auto& [d, n] : counts) dates[d] = _options.quirks.stringCounts ? json(std::to_string(n)) : json(n);
-  if (dates.empty() && _options.quirks.emptyMapAsArray) dates = json::array();
+  for (const auto& [d, n] : counts) dates[d] = _quirks.stringCounts ? json(std::to_string(n)) : json(n);
+  if (dates.empty() && _quirks.emptyMapAsArray) dates = json::array();
   return _json(json{{"user", a.username}, {"tag", joined(tags, '+')}, {"dates", dates}});
 }
 
@@ -306,7 +305,7 @@ Simulator::Reply Simulator::_postsAll(const httplib::Request& req, Account& a) {
     // The full list is the one large answer: build it once per change.
     auto& cached = _fullListCache[a.username];
     if (!cached.second || cached.first != a.version)
-      cached = {a.version, std::make_shared<const std::string>(frame(postsArray(a.sorted(), _options.quirks), _options.quirks, "\t"))};
+      cached = {a.version, std::make_shared<const std::string>(frame(postsArray(a.sorted(), _quirks), _quirks, "\t"))};
     Reply reply;
     reply.shared = cached.second;
     return reply;
@@ -325,7 +324,7 @@ Simulator::Reply Simulator::_postsAll(const httplib::Request& req, Account& a) {
     posts.push_back(b);
   }
   if (xml) return {200, xmlPosts(a, latestTime(a), posts), "text/xml; charset=utf-8"};
-  return {200, frame(postsArray(posts, _options.quirks), _options.quirks, "\t"), {}};
+  return {200, frame(postsArray(posts, _quirks), _quirks, "\t"), {}};
 }
 
 Simulator::Reply Simulator::_postsSuggest(const httplib::Request& req, const Account& a) {
@@ -378,8 +377,8 @@ Simulator::Reply Simulator::_tagsGet(const Account& a) {
   for (const auto& [url, b] : a.bookmarks)
     for (const auto& t : b.tags) ++counts[t];
   json out = json::object();
-  for (const auto& [t, n] : counts) out[t] = _options.quirks.stringCounts ? json(std::to_string(n)) : json(n);
-  if (out.empty() && _options.quirks.emptyMapAsArray) out = json::array();
+  for (const auto& [t, n] : counts) out[t] = _quirks.stringCounts ? json(std::to_string(n)) : json(n);
+  if (out.empty() && _quirks.emptyMapAsArray) out = json::array();
   return _json(out);
 }
 
@@ -396,10 +395,7 @@ Simulator::Reply Simulator::_tagsDelete(const httplib::Request& req, Account& a)
       }
     }
   }
-  if (changed) {
-    a.touch(static_cast<std::int64_t>(_now()));
-    ++_stateVersion;
-  }
+  if (changed) _changed(a);
   return _resultCode("done", "result");
 }
 
@@ -424,10 +420,7 @@ Simulator::Reply Simulator::_tagsRename(const httplib::Request& req, Account& a)
       changed = true;
     }
   }
-  if (changed) {
-    a.touch(static_cast<std::int64_t>(_now()));
-    ++_stateVersion;
-  }
+  if (changed) _changed(a);
   return _resultCode("done", "result");
 }
 
@@ -437,7 +430,7 @@ Simulator::Reply Simulator::_notesList(const Account& a) {
     notes.push_back({{"id", n.id},
                      {"hash", n.hash()},
                      {"title", n.title},
-                     {"length", _options.quirks.stringCounts ? json(std::to_string(n.length())) : json(n.length())},
+                     {"length", _quirks.stringCounts ? json(std::to_string(n.length())) : json(n.length())},
                      {"created_at", formatNoteTime(n.created)},
                      {"updated_at", formatNoteTime(n.updated)}});
   }

@@ -14,7 +14,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -26,6 +25,7 @@
 #include "pinboard-sim/Fault.h"
 #include "pinboard-sim/Generator.h"
 #include "pinboard-sim/Wire.h"
+#include "platform/foundation/ZBMutex.h"
 
 namespace httplib {
 struct Request;
@@ -71,7 +71,7 @@ public:
 
   // Binds and serves on a background thread. Returns false with a message when
   // the address cannot be bound. Calling it twice is a no-op.
-  bool start(std::string* error = nullptr);
+  [[nodiscard]] bool start(std::string* error = nullptr);
   // Stops serving and waits for the requests in flight (injected delays are cut
   // short). Idempotent.
   void stop();
@@ -87,14 +87,16 @@ public:
   // Stores a bookmark as given (hash and meta are computed); moves the
   // account's update time to at least the bookmark's time. False when there is
   // no such account.
-  bool addBookmark(const std::string& user, Bookmark bookmark);
+  [[nodiscard]] bool addBookmark(const std::string& user, Bookmark bookmark);
   // Adds count generated bookmarks (see Generator.h). False without the account.
-  bool generateBookmarks(const std::string& user, std::size_t count, const GeneratorOptions& options = {});
-  bool addNote(const std::string& user, const std::string& title, const std::string& text, std::int64_t created,
-               std::int64_t updated);
-  bool setNetwork(const std::string& user, std::vector<std::string> others);
-  bool setStarred(const std::string& user, const std::string& url, bool starred);
-  bool setSource(const std::string& user, const std::string& url, const std::string& source);
+  [[nodiscard]] bool generateBookmarks(const std::string& user, std::size_t count,
+                                       const GeneratorOptions& options = {});
+  // These three: false without the account (or, for a mark, the bookmark).
+  [[nodiscard]] bool addNote(const std::string& user, const std::string& title, const std::string& text,
+                             std::int64_t created, std::int64_t updated);
+  [[nodiscard]] bool setNetwork(const std::string& user, std::vector<std::string> others);
+  [[nodiscard]] bool setStarred(const std::string& user, const std::string& url, bool starred);
+  [[nodiscard]] bool setSource(const std::string& user, const std::string& url, const std::string& source);
   // Site-wide "popular" tags that posts/suggest reports for a URL.
   void setPopularTags(const std::string& url, std::vector<std::string> tags);
 
@@ -102,11 +104,14 @@ public:
   // "token", "password", "rssKey", "saveAllPrivate", "network", "updateTime",
   // "bookmarks":[{"url","title","extended","tags","time","shared","toread",
   // "starred","source","others"}], "notes":[…], "generate":{"count","seed"}}],
-  // "popularTags":{url:[…]}}. Times are ISO 8601 strings or seconds.
-  bool loadSeed(const nlohmann::json& seed, std::string* error = nullptr);
-  bool loadSeedFile(const std::string& path, std::string* error = nullptr);
+  // "popularTags":{url:[…]}}. Times are ISO 8601 strings or seconds. False
+  // with a message for a document of another shape (what came before the
+  // fault stays loaded). (Simulator+State.cpp)
+  [[nodiscard]] bool loadSeed(const nlohmann::json& seed, std::string* error = nullptr);
+  [[nodiscard]] bool loadSeedFile(const std::string& path, std::string* error = nullptr);
   nlohmann::json exportState() const;
-  bool saveState(const std::string& path, std::string* error = nullptr) const;
+  // Writes exportState() to path atomically; false with a message.
+  [[nodiscard]] bool saveState(const std::string& path, std::string* error = nullptr) const;
   // Increases with every change of any account (for savers that poll).
   std::uint64_t stateVersion() const;
 
@@ -131,7 +136,8 @@ public:
   void setQuirks(Quirks quirks);
   Quirks quirks() const;
   // Seconds since 1970 used for "now" (dates of new bookmarks, update times,
-  // rate limits). Defaults to the system clock; nullptr restores it.
+  // rate limits). Defaults to the system clock; nullptr restores it. Called
+  // under the simulator's lock: it must not call the simulator.
   void setClock(std::function<double()> clock);
 
 private:
@@ -143,55 +149,69 @@ private:
   };
   class Server;
 
-  void _handle(const httplib::Request& req, httplib::Response& res);
-  bool _sleep(double seconds);  // false when stopped meanwhile
-  std::optional<Fault> _takeFault(const std::string& path);
-  double _now() const;
-  Account* _account(const std::string& user);
-  const Account* _account(const std::string& user) const;
-  Account& _insertAccount(const AccountSeed& seed);
-  std::string _authenticate(const httplib::Request& req, bool& basic, bool& malformed) const;
-  bool _rateLimited(const std::string& user, const std::string& path);
-  void _log(RequestRecord record);
+  // Serving (Simulator+Server.cpp): every request passes through _handle.
+  void _handle(const httplib::Request& req, httplib::Response& res) ZB_EXCLUDES(_mutex);
+  [[nodiscard]] bool _sleep(double seconds);  // false when stopped meanwhile
+  std::optional<Fault> _takeFault(const std::string& path) ZB_EXCLUDES(_mutex);
+  std::string _authenticate(const httplib::Request& req, bool& basic, bool& malformed) const ZB_REQUIRES(_mutex);
+  bool _rateLimited(const std::string& user, const std::string& path) ZB_REQUIRES(_mutex);
+  void _log(RequestRecord record) ZB_EXCLUDES(_mutex);
 
-  // Routes (Simulator+Routes.cpp). Called with _mutex held.
-  Reply _api(const std::string& method, const httplib::Request& req, Account& account);
-  Reply _postsUpdate(const Account& a);
-  Reply _postsAdd(const httplib::Request& req, Account& a);
-  Reply _postsDelete(const httplib::Request& req, Account& a);
-  Reply _postsGet(const httplib::Request& req, const Account& a);
-  Reply _postsRecent(const httplib::Request& req, const Account& a);
-  Reply _postsDates(const httplib::Request& req, const Account& a);
-  Reply _postsAll(const httplib::Request& req, Account& a);
-  Reply _postsSuggest(const httplib::Request& req, const Account& a);
-  Reply _tagsGet(const Account& a);
-  Reply _tagsDelete(const httplib::Request& req, Account& a);
-  Reply _tagsRename(const httplib::Request& req, Account& a);
-  Reply _notesList(const Account& a);
-  Reply _note(const std::string& id, const Account& a);
-  Reply _json(const nlohmann::json& value) const;
-  Reply _resultCode(const std::string& text, const char* key = "result_code") const;
-  // Feeds (Simulator+Feeds.cpp). Called with _mutex held.
-  Reply _feed(const std::string& path, const httplib::Request& req);
+  // The accounts (Simulator.cpp).
+  double _now() const ZB_REQUIRES(_mutex);
+  Account* _account(const std::string& user) ZB_REQUIRES(_mutex);
+  const Account* _account(const std::string& user) const ZB_REQUIRES(_mutex);
+  Account& _insertAccount(const AccountSeed& seed) ZB_REQUIRES(_mutex);
+  // A change of a's bookmarks: moves its update time and the state version.
+  void _changed(Account& a) ZB_REQUIRES(_mutex);
+  // Applies change to user's bookmark of url; false when there is none.
+  bool _changeBookmark(const std::string& user, const std::string& url, const std::function<void(Bookmark&)>& change)
+      ZB_EXCLUDES(_mutex);
 
-  SimulatorOptions _options;
+  // Routes (Simulator+Routes.cpp).
+  Reply _api(const std::string& method, const httplib::Request& req, Account& account) ZB_REQUIRES(_mutex);
+  Reply _postsUpdate(const Account& a) ZB_REQUIRES(_mutex);
+  Reply _postsAdd(const httplib::Request& req, Account& a) ZB_REQUIRES(_mutex);
+  Reply _postsDelete(const httplib::Request& req, Account& a) ZB_REQUIRES(_mutex);
+  Reply _postsGet(const httplib::Request& req, const Account& a) ZB_REQUIRES(_mutex);
+  Reply _postsRecent(const httplib::Request& req, const Account& a) ZB_REQUIRES(_mutex);
+  Reply _postsDates(const httplib::Request& req, const Account& a) ZB_REQUIRES(_mutex);
+  Reply _postsAll(const httplib::Request& req, Account& a) ZB_REQUIRES(_mutex);
+  Reply _postsSuggest(const httplib::Request& req, const Account& a) ZB_REQUIRES(_mutex);
+  Reply _tagsGet(const Account& a) ZB_REQUIRES(_mutex);
+  Reply _tagsDelete(const httplib::Request& req, Account& a) ZB_REQUIRES(_mutex);
+  Reply _tagsRename(const httplib::Request& req, Account& a) ZB_REQUIRES(_mutex);
+  Reply _notesList(const Account& a) ZB_REQUIRES(_mutex);
+  Reply _note(const std::string& id, const Account& a) ZB_REQUIRES(_mutex);
+  Reply _json(const nlohmann::json& value) const ZB_REQUIRES(_mutex);
+  Reply _resultCode(const std::string& text, const char* key = "result_code") const ZB_REQUIRES(_mutex);
+  // Feeds (Simulator+Feeds.cpp).
+  Reply _feed(const std::string& path, const httplib::Request& req) ZB_REQUIRES(_mutex);
+
+  // Fixed at construction: where to listen, how wide, feed sizes. The quirks
+  // and rate limits in it are only the first values of _quirks and _rateLimits.
+  const SimulatorOptions _options;
   std::unique_ptr<Server> _server;
   std::thread _thread;
   std::atomic<int> _port{0};
-  std::atomic<bool> _stopping{false};
-  std::mutex _sleepMutex;
+  ZBMutex _sleepMutex;
   std::condition_variable _sleepCondition;
+  bool _stopping ZB_GUARDED_BY(_sleepMutex) = false;  // ends injected delays
 
-  mutable std::mutex _mutex;  // guards everything below
-  std::map<std::string, Account> _accounts;
-  std::map<std::string, std::vector<std::string>> _popularTags;
-  std::vector<Fault> _faults;
-  std::vector<RequestRecord> _requests;
-  std::map<std::string, double> _lastCall;  // "user\x1fclass" -> time of the last accepted call
-  std::function<double()> _clock;
-  std::uint64_t _stateVersion = 0;
+  mutable ZBMutex _mutex;
+  Quirks _quirks ZB_GUARDED_BY(_mutex);
+  RateLimits _rateLimits ZB_GUARDED_BY(_mutex);
+  std::map<std::string, Account> _accounts ZB_GUARDED_BY(_mutex);
+  std::map<std::string, std::vector<std::string>> _popularTags ZB_GUARDED_BY(_mutex);
+  std::vector<Fault> _faults ZB_GUARDED_BY(_mutex);
+  std::vector<RequestRecord> _requests ZB_GUARDED_BY(_mutex);
+  // "user\x1fclass" -> time of the last accepted call
+  std::map<std::string, double> _lastCall ZB_GUARDED_BY(_mutex);
+  std::function<double()> _clock ZB_GUARDED_BY(_mutex);
+  std::uint64_t _stateVersion ZB_GUARDED_BY(_mutex) = 0;
   // posts/all without filters, cached per account version: the big answer.
-  std::map<std::string, std::pair<std::uint64_t, std::shared_ptr<const std::string>>> _fullListCache;
+  std::map<std::string, std::pair<std::uint64_t, std::shared_ptr<const std::string>>> _fullListCache
+      ZB_GUARDED_BY(_mutex);
 };
 
 }  // namespace pinboard_sim

@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
   CLI::App app{"A local simulator of the Pinboard v1 API and JSON feeds"};
   SimulatorOptions options;
   std::string seedFile, stateFile;
-  std::vector<std::string> users, faults, quirkSpecs;
+  std::vector<std::string> users, faults, quirkSettings;
   std::size_t bookmarks = 0;
   std::uint64_t generatorSeed = 1;
   bool serviceLimits = false;
@@ -77,13 +77,13 @@ int main(int argc, char** argv) {
   app.add_option("--rate-general", rateGeneral, "Seconds between any two calls of a user");
   app.add_option("--rate-recent", rateRecent, "Seconds between two posts/recent calls of a user");
   app.add_option("--rate-all", rateAll, "Seconds between two posts/all calls of a user");
-  app.add_option("--quirk", quirkSpecs,
+  app.add_option("--quirk", quirkSettings,
                  "NAME=on|off: string-counts, empty-map-as-array, trailing-whitespace, escape-slashes, "
                  "escape-non-ascii, bom, text-plain, untagged-feed-empty-tag, feed-dates-with-offset, "
                  "keep-time-on-replace, include-others, gzip (repeatable)");
   CLI11_PARSE(app, argc, argv);
 
-  for (const auto& setting : quirkSpecs) {
+  for (const auto& setting : quirkSettings) {
     std::string error;
     if (!setQuirk(options.quirks, setting, error)) {
       std::cerr << "pinboard-sim: " << error << "\n";
@@ -132,7 +132,10 @@ int main(int argc, char** argv) {
     if (fresh && bookmarks > 0) {
       GeneratorOptions g;
       g.seed = generatorSeed;
-      sim.generateBookmarks(seed.username, bookmarks, g);
+      if (!sim.generateBookmarks(seed.username, bookmarks, g)) {
+        std::cerr << "pinboard-sim: no account " << seed.username << " to generate bookmarks for\n";
+        return 1;
+      }
     }
   }
 

@@ -116,9 +116,36 @@ std::string NSDate::ISO8601String() const {
   return out;
 }
 
+namespace {
+
+// "YYYY-MM-DDTHH:MM:SSZ", read without the general scanner: it is the form of
+// every post of a bookmark service's full list, 100 000 of them for a large
+// account. Anything else, an invalid date included, is left to the scanner.
+std::optional<NSDate> serviceForm(std::string_view s) {
+  if (s.size() != 20 || s[4] != '-' || s[7] != '-' || s[10] != 'T' || s[13] != ':' || s[16] != ':' || s[19] != 'Z')
+    return std::nullopt;
+  auto at = [&](std::size_t i, std::size_t n) {
+    int v = 0;
+    for (std::size_t k = i; k < i + n; ++k) {
+      if (s[k] < '0' || s[k] > '9') return -1;
+      v = v * 10 + (s[k] - '0');
+    }
+    return v;
+  };
+  const int y = at(0, 4), m = at(5, 2), d = at(8, 2), h = at(11, 2), mi = at(14, 2), sec = at(17, 2);
+  if (y < 0 || m < 1 || m > 12 || d < 1 || h < 0 || h > 23 || mi < 0 || mi > 59 || sec < 0 || sec > 59 ||
+      static_cast<unsigned>(d) > daysInMonth(y, static_cast<unsigned>(m)))
+    return std::nullopt;
+  const std::int64_t days = daysFromCivil(y, static_cast<unsigned>(m), static_cast<unsigned>(d));
+  return NSDate(static_cast<double>((days - kReferenceDateDays) * kSecondsPerDay + h * 3600 + mi * 60 + sec));
+}
+
+}  // namespace
+
 std::optional<NSDate> NSDate::dateFromISO8601String(std::string_view text) {
+  if (auto date = serviceForm(text)) return date;
   Scanner s{text};
-  int year, month, day, hour, minute, second;
+  int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
   if (!s.digits(4, year) || !s.literal('-') || !s.digits(2, month) || !s.literal('-') || !s.digits(2, day) ||
       !s.literal('T') || !s.digits(2, hour) || !s.literal(':') || !s.digits(2, minute) || !s.literal(':') ||
       !s.digits(2, second)) {

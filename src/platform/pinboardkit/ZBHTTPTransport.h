@@ -39,8 +39,8 @@ public:
   // NSURLErrorDomain whose texts never contain the URL's query or the
   // password. Any HTTP status is a success of the transport. cancelled is
   // polled during the exchange. Thread-safe.
-  virtual bool send(const ZBHTTPRequest& request, ZBHTTPResponse& response, const std::function<bool()>& cancelled,
-                    NSErrorPtr* error) = 0;
+  [[nodiscard]] virtual bool send(const ZBHTTPRequest& request, ZBHTTPResponse& response,
+                                  const std::function<bool()>& cancelled, NSErrorPtr* error) = 0;
 };
 
 // libcurl, one easy handle per request; HTTP and HTTPS only, no redirects
@@ -48,6 +48,6 @@ public:
 class ZBCurlTransport final : public ZBHTTPTransport {
 public:
   static std::shared_ptr<ZBCurlTransport> create();
-  bool send(const ZBHTTPRequest& request, ZBHTTPResponse& response, const std::function<bool()>& cancelled,
-            NSErrorPtr* error) override;
+  [[nodiscard]] bool send(const ZBHTTPRequest& request, ZBHTTPResponse& response,
+                          const std::function<bool()>& cancelled, NSErrorPtr* error) override;
 };

@@ -8,6 +8,7 @@
 #include "platform/foundation/NSURLError.h"
 #include "platform/foundation/ZBLocalizedString.h"
 #include "platform/foundation/ZBMD5.h"
+#include "platform/pinboardkit/ZBPinboardPostListReader.h"
 #include "platform/pinboardkit/ZBPinboardResponseParser.h"
 #include "platform/pinboardkit/impl/ZBPinboardErrors.h"
 
@@ -130,18 +131,32 @@ NSErrorPtr serviceError(const std::string& method, const std::string& resultCode
                  {NSLocalizedRecoverySuggestionErrorKey, ZBLocalizedString("Pinboard answered:") + " “" + resultCode + "”"}});
 }
 
+// What sending or deleting a post answers: {identifier, url}, the identifier
+// being the caller's, or the MD5 of the URL when it had none.
+Value postEcho(const Dictionary& properties, const Value& url) {
+  Value identifier = properties[ZBPinboardPostIdentifierKey];
+  if (!identifier.isString()) identifier = Value(ZBMD5HexString(url.asString()));
+  return Value(Dictionary{{ZBPinboardPostIdentifierKey, identifier}, {ZBPinboardPostURLKey, url}});
+}
+
 }  // namespace
 
-ZBPinboardClient::ZBPinboardClient(std::shared_ptr<NSUserDefaults> userDefaults,
-                                   std::shared_ptr<ZBHTTPTransport> transport)
-    : _defaults(std::move(userDefaults)), _transport(transport ? std::move(transport) : ZBCurlTransport::create()) {}
+ZBPinboardClient::ZBPinboardClient(Passkey, std::shared_ptr<NSUserDefaults> userDefaults,
+                                   std::shared_ptr<ZBHTTPTransport> transport, std::shared_ptr<ZBClock> clock)
+    : _defaults(std::move(userDefaults)),
+      _transport(transport ? std::move(transport) : ZBCurlTransport::create()),
+      _limiter(std::move(clock)) {}
 
 std::shared_ptr<ZBPinboardClient> ZBPinboardClient::create(std::shared_ptr<NSUserDefaults> userDefaults,
-                                                           std::shared_ptr<ZBHTTPTransport> transport) {
-  auto client = std::make_shared<ZBPinboardClient>(std::move(userDefaults), std::move(transport));
+                                                           std::shared_ptr<ZBHTTPTransport> transport,
+                                                           std::shared_ptr<ZBClock> clock) {
+  auto client =
+      std::make_shared<ZBPinboardClient>(Passkey(), std::move(userDefaults), std::move(transport), std::move(clock));
   // A damaged file counts as signed out; it is left for the user to inspect
   // until the next sign-in replaces it.
-  client->_credentials = ZBPinboardCredentials::readFromFile(client->_credentialsPath());
+  auto credentials = ZBPinboardCredentials::readFromFile(client->_credentialsPath());
+  ZBMutexLock hold(client->_mutex);
+  client->_credentials = std::move(credentials);
   return client;
 }
 
@@ -188,16 +203,17 @@ fs::path ZBPinboardClient::_credentialsPath() const {
 // ---- Credentials ----
 
 std::shared_ptr<ZBPinboardCredentials> ZBPinboardClient::credentials() const {
-  std::lock_guard<std::mutex> lock(_mutex);
+  ZBMutexLock hold(_mutex);
   return _credentials;
 }
 
 void ZBPinboardClient::setCredentials(std::shared_ptr<ZBPinboardCredentials> credentials) {
   willChangeValueForKey(ZBPinboardClientCredentialsKey);
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    ZBMutexLock hold(_mutex);
     _credentials = credentials;
   }
+  // A setter has no one to tell of a file that stays; logout() reports it.
   if (!credentials) (void)ZBPinboardCredentials::removeFile(_credentialsPath());
   didChangeValueForKey(ZBPinboardClientCredentialsKey);
 }
@@ -214,7 +230,7 @@ void ZBPinboardClient::setValueForKey(const Value& value, const std::string& key
 
 bool ZBPinboardClient::logout(NSErrorPtr* error) {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    ZBMutexLock hold(_mutex);
     _rssKeyValue.clear();
     _rssKeyOwner.clear();
   }
@@ -256,7 +272,7 @@ bool ZBPinboardClient::_perform(const Call& call, const ZBPinboardRequestOperati
         return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitRateLimitedError, call.method, status));
       // Wait as long as the server asks, at least our own doubling back-off.
       double wait = std::min(std::max(backoff, response.retryAfter), s.backoffMaximum);
-      if (!ZBPinboardRateLimiter::sleep(wait, cancelled)) return ZBSetError(error, cancelledError());
+      if (!_limiter.sleep(wait, cancelled)) return ZBSetError(error, cancelledError());
       backoff = std::min(backoff * 2, s.backoffMaximum);
       continue;
     }
@@ -290,6 +306,17 @@ bool ZBPinboardClient::_api(const std::string& method, Params params, const ZBPi
     call.classInterval = s.recentInterval;
   }
   return _perform(call, operation, body, error);
+}
+
+bool ZBPinboardClient::_apiDone(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
+                                NSErrorPtr* error, std::string_view alsoDone) {
+  std::string body;
+  if (!_api(method, std::move(params), operation, body, error)) return false;
+  Value result = ZBPinboardResponseParser::resultText(body, method, error);
+  if (!result) return false;
+  const std::string& text = result.asString();
+  if (text != "done" && (alsoDone.empty() || text != alsoDone)) return ZBSetError(error, serviceError(method, text));
+  return true;
 }
 
 // ---- Authentication ----
@@ -443,14 +470,8 @@ ZBPinboardClient::Operation ZBPinboardClient::_sendPost(const Dictionary& proper
                       {"toread", unread.boolValue() ? "yes" : "no"},
                       {"replace", "yes"}};
         if (date) params.emplace_back("dt", serviceDate(date.asDate()));
-        std::string body;
-        if (!self->_api(method, std::move(params), op, body, error)) return Value();
-        Value result = ZBPinboardResponseParser::resultText(body, method, error);
-        if (!result) return Value();
-        if (result.asString() != "done") return fail(error, serviceError(method, result.asString()));
-        Value identifier = properties[ZBPinboardPostIdentifierKey];
-        if (!identifier.isString()) identifier = Value(ZBMD5HexString(url.asString()));
-        return Value(Dictionary{{ZBPinboardPostIdentifierKey, identifier}, {ZBPinboardPostURLKey, url}});
+        if (!self->_apiDone(method, std::move(params), op, error)) return Value();
+        return postEcho(properties, url);
       });
 }
 
@@ -461,17 +482,10 @@ ZBPinboardClient::Operation ZBPinboardClient::deletePostWithProperties(const Dic
         const Value& url = properties[ZBPinboardPostURLKey];
         if (!url.isString() || url.asString().empty())
           return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
-        std::string body;
-        if (!self->_api(method, {{"url", url.asString()}}, op, body, error)) return Value();
-        Value result = ZBPinboardResponseParser::resultText(body, method, error);
-        if (!result) return Value();
         // Already gone on the service is what deleting wanted: report success
         // so the local deletion can complete instead of failing forever.
-        if (result.asString() != "done" && result.asString() != "item not found")
-          return fail(error, serviceError(method, result.asString()));
-        Value identifier = properties[ZBPinboardPostIdentifierKey];
-        if (!identifier.isString()) identifier = Value(ZBMD5HexString(url.asString()));
-        return Value(Dictionary{{ZBPinboardPostIdentifierKey, identifier}, {ZBPinboardPostURLKey, url}});
+        if (!self->_apiDone(method, {{"url", url.asString()}}, op, error, "item not found")) return Value();
+        return postEcho(properties, url);
       });
 }
 
@@ -481,11 +495,7 @@ ZBPinboardClient::Operation ZBPinboardClient::renameTag(const std::string& oldTi
   return ZBPinboardRequestOperation::create(
       "tags/rename", [self = _self(), oldTitle, newTitle](const ZBPinboardRequestOperation& op,
                                                           NSErrorPtr* error) -> Value {
-        std::string body;
-        if (!self->_api("tags/rename", {{"old", oldTitle}, {"new", newTitle}}, op, body, error)) return Value();
-        Value result = ZBPinboardResponseParser::resultText(body, "tags/rename", error);
-        if (!result) return Value();
-        if (result.asString() != "done") return fail(error, serviceError("tags/rename", result.asString()));
+        if (!self->_apiDone("tags/rename", {{"old", oldTitle}, {"new", newTitle}}, op, error)) return Value();
         return Value(newTitle);
       });
 }
@@ -493,11 +503,7 @@ ZBPinboardClient::Operation ZBPinboardClient::renameTag(const std::string& oldTi
 ZBPinboardClient::Operation ZBPinboardClient::deleteTag(const std::string& title) {
   return ZBPinboardRequestOperation::create(
       "tags/delete", [self = _self(), title](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
-        std::string body;
-        if (!self->_api("tags/delete", {{"tag", title}}, op, body, error)) return Value();
-        Value result = ZBPinboardResponseParser::resultText(body, "tags/delete", error);
-        if (!result) return Value();
-        if (result.asString() != "done") return fail(error, serviceError("tags/delete", result.asString()));
+        if (!self->_apiDone("tags/delete", {{"tag", title}}, op, error)) return Value();
         return Value(title);
       });
 }
@@ -553,7 +559,7 @@ std::string userTagsFeedPath(const std::string& username, const std::vector<std:
 bool ZBPinboardClient::_rssKey(const ZBPinboardCredentials& credentials, const ZBPinboardRequestOperation& op,
                                std::string& key, NSErrorPtr* error) {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    ZBMutexLock hold(_mutex);
     if (!_rssKeyValue.empty() && _rssKeyOwner == credentials.apiToken()) {
       key = _rssKeyValue;
       return true;
@@ -566,7 +572,7 @@ bool ZBPinboardClient::_rssKey(const ZBPinboardCredentials& credentials, const Z
   if (secret.asString().empty())
     return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitMalformedResponseError, "user/secret"));
   key = secret.asString();
-  std::lock_guard<std::mutex> lock(_mutex);
+  ZBMutexLock hold(_mutex);
   _rssKeyValue = key;
   _rssKeyOwner = credentials.apiToken();
   return true;

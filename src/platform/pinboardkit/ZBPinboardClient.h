@@ -23,17 +23,18 @@
 // token and never kept. The token never appears in an error, a description or
 // a log line.
 //
-// Lifetime: held by std::shared_ptr (create()); operations keep it alive while
-// they run. Thread-safe: every method may be called from any thread, and
-// operations may run at the same time.
+// Lifetime: held by std::shared_ptr, made only by create(); operations keep it
+// alive while they run. Thread-safe: every method may be called from any
+// thread, and operations may run at the same time.
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/foundation/NSUserDefaults.h"
+#include "platform/foundation/ZBClock.h"
+#include "platform/foundation/ZBMutex.h"
 #include "platform/pinboardkit/ZBHTTPTransport.h"
 #include "platform/pinboardkit/ZBPinboardCredentials.h"
 #include "platform/pinboardkit/ZBPinboardKit.h"
@@ -41,13 +42,22 @@
 #include "platform/pinboardkit/impl/ZBPinboardRateLimiter.h"
 
 class ZBPinboardClient final : public NSObject {
+  // Only create() can make one: a client built without it would not have
+  // read the credentials file.
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
 public:
   using Operation = std::shared_ptr<ZBPinboardRequestOperation>;
 
   // A client configured by userDefaults, signed in with the credentials file
-  // when there is a readable one. transport: nullptr for libcurl.
+  // when there is a readable one. transport: nullptr for libcurl. clock: what
+  // rate-limit spacing and back-off waits are measured on, nullptr for the
+  // machine's monotonic clock (a test gives a ZBManualClock and moves time).
   static std::shared_ptr<ZBPinboardClient> create(std::shared_ptr<NSUserDefaults> userDefaults,
-                                                  std::shared_ptr<ZBHTTPTransport> transport = nullptr);
+                                                  std::shared_ptr<ZBHTTPTransport> transport = nullptr,
+                                                  std::shared_ptr<ZBClock> clock = nullptr);
 
   // ---- Credentials ----
   // nullptr when signed out.
@@ -118,12 +128,15 @@ public:
   void setValueForKey(const Value& value, const std::string& key) override;
   std::string className() const override { return "ZBPinboardClient"; }
 
-  ZBPinboardClient(std::shared_ptr<NSUserDefaults> userDefaults, std::shared_ptr<ZBHTTPTransport> transport);
+  // For create() (std::make_shared needs it public).
+  ZBPinboardClient(Passkey, std::shared_ptr<NSUserDefaults> userDefaults, std::shared_ptr<ZBHTTPTransport> transport,
+                   std::shared_ptr<ZBClock> clock);
 
 private:
   struct Settings;
   struct Call;
   enum class Reply;
+  using Params = std::vector<std::pair<std::string, std::string>>;  // a query's names and values
 
   std::shared_ptr<ZBPinboardClient> _self() {
     return std::static_pointer_cast<ZBPinboardClient>(shared_from_this());
@@ -132,26 +145,31 @@ private:
   std::filesystem::path _credentialsPath() const;
   // Performs call, spacing and retrying as configured. Fills body on an
   // HTTP 200; false with the error otherwise.
-  bool _perform(const Call& call, const ZBPinboardRequestOperation& operation, std::string& body,
-                NSErrorPtr* error);
+  [[nodiscard]] bool _perform(const Call& call, const ZBPinboardRequestOperation& operation, std::string& body,
+                              NSErrorPtr* error);
   // An authenticated API call returning the body (or handing it to
   // bodyConsumer as it arrives), or false with the error.
-  bool _api(const std::string& method, std::vector<std::pair<std::string, std::string>> params,
-            const ZBPinboardRequestOperation& operation, std::string& body, NSErrorPtr* error,
-            std::function<void(std::string_view)> bodyConsumer = nullptr);
+  [[nodiscard]] bool _api(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
+                          std::string& body, NSErrorPtr* error,
+                          std::function<void(std::string_view)> bodyConsumer = nullptr);
+  // An API call that answers with a result text: true when it is "done" (or
+  // alsoDone), else false with the error, ZBPinboardKitServiceError carrying
+  // the service's words when it refused.
+  [[nodiscard]] bool _apiDone(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
+                              NSErrorPtr* error, std::string_view alsoDone = {});
   Operation _authenticate(const std::string& username, const std::string& secret, bool password);
   Operation _feed(std::string name, std::string path, bool secret, std::uint64_t count);
   Operation _sendPost(const Dictionary& properties, const char* name);
   // The feed key of the signed-in user (user/secret), fetched once per
   // credentials.
-  bool _rssKey(const ZBPinboardCredentials& credentials, const ZBPinboardRequestOperation& operation,
-               std::string& key, NSErrorPtr* error);
+  [[nodiscard]] bool _rssKey(const ZBPinboardCredentials& credentials, const ZBPinboardRequestOperation& operation,
+                             std::string& key, NSErrorPtr* error);
 
   const std::shared_ptr<NSUserDefaults> _defaults;
   const std::shared_ptr<ZBHTTPTransport> _transport;
   ZBPinboardRateLimiter _limiter;
-  mutable std::mutex _mutex;
-  std::shared_ptr<ZBPinboardCredentials> _credentials;  // guarded by _mutex
-  std::string _rssKeyValue;                             // guarded by _mutex
-  std::string _rssKeyOwner;                             // guarded by _mutex: apiToken() it belongs to
+  mutable ZBMutex _mutex;
+  std::shared_ptr<ZBPinboardCredentials> _credentials ZB_GUARDED_BY(_mutex);
+  std::string _rssKeyValue ZB_GUARDED_BY(_mutex);
+  std::string _rssKeyOwner ZB_GUARDED_BY(_mutex);  // the apiToken() the key belongs to
 };

@@ -9,7 +9,7 @@ std::shared_ptr<ZBPinboardRequestOperation> ZBPinboardRequestOperation::create(s
 
 ZBCompletionProvider ZBPinboardRequestOperation::completionProvider() const {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    ZBMutexLock hold(_mutex);
     if (_provider) return _provider;
   }
   return ZBMissingCompletionProvider(*this);
@@ -20,7 +20,7 @@ std::string ZBPinboardRequestOperation::description() const { return "<ZBPinboar
 void ZBPinboardRequestOperation::main() {
   Body body;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    ZBMutexLock hold(_mutex);
     body = std::move(_body);
     _body = nullptr;
   }
@@ -31,6 +31,6 @@ void ZBPinboardRequestOperation::main() {
   body = nullptr;  // lets go of the client before the operation finishes
   // A body cut short by cancellation reports it as such, whatever it met.
   if (!result && isCancelled()) error = ZBUserCancelledError();
-  std::lock_guard<std::mutex> lock(_mutex);
+  ZBMutexLock hold(_mutex);
   _provider = ZBCompletionProviderWithResult(std::move(result), std::move(error));
 }

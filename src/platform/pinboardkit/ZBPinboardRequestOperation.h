@@ -12,9 +12,9 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "platform/foundation/ZBMutex.h"
 #include "platform/operations/NSOperation.h"
 #include "platform/operations/ZBCompletionProvider.h"
 
@@ -38,7 +38,7 @@ protected:
 
 private:
   const std::string _method;
-  mutable std::mutex _mutex;
-  Body _body;                      // guarded by _mutex; released once run
-  ZBCompletionProvider _provider;  // guarded by _mutex
+  mutable ZBMutex _mutex;
+  Body _body ZB_GUARDED_BY(_mutex);  // released once run
+  ZBCompletionProvider _provider ZB_GUARDED_BY(_mutex);
 };

@@ -5,13 +5,27 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <fstream>
+#include <functional>
 #include <sstream>
+#include <thread>
 
 #include "pinboard-sim/Simulator.h"
 #include "platform/foundation/NSUserDefaults.h"
 #include "platform/pinboardkit/ZBPinboardClient.h"
 #include "support/TemporaryDirectory.h"
+
+// Polls condition until it holds; false once a bound passes that means "never"
+// rather than "slow", so a test that would hang fails instead.
+inline bool WaitUntil(const std::function<bool()>& condition, double seconds = 60) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
 
 class PinboardClientTest : public ::testing::Test {
 protected:

@@ -1,11 +1,11 @@
 // How the client fails: injected faults, rate limits, cancellation, and many
 // requests at once.
-#include <atomic>
-#include <thread>
+#include <mutex>
 
 #include "PinboardClientTestSupport.h"
 #include "platform/foundation/NSURLError.h"
 #include "platform/operations/NSOperationQueue.h"
+#include "support/TogetherThreads.h"
 
 using pinboard_sim::Bookmark;
 using pinboard_sim::Fault;
@@ -14,14 +14,19 @@ namespace {
 
 TEST_F(PinboardClientTest, EveryInjectedFaultYieldsItsDocumentedError) {
   signIn();
-  sim.generateBookmarks("alice", 50);
-  defaults->setObject(Value(0.5), ZBPinboardRequestTimeoutDefaultKey);
-  defaults->setObject(Value(0.5), ZBPinboardAllPostsTimeoutDefaultKey);
+  ASSERT_TRUE(sim.generateBookmarks("alice", 50));
+  // Generous time-outs but where one is the point: a loaded machine or a
+  // sanitizer may slow any exchange, never by the server's 30 s delay.
+  auto timeOut = [&](double seconds) {
+    defaults->setObject(Value(seconds), ZBPinboardRequestTimeoutDefaultKey);
+    defaults->setObject(Value(seconds), ZBPinboardAllPostsTimeoutDefaultKey);
+  };
   struct Case {
     const char* fault;
     std::int64_t code;
     std::int64_t status;        // expected under ZBPinboardHTTPStatusErrorKey, 0: none
     std::int64_t underlying;    // expected NSURLErrorDomain code underneath, 0: none
+    double timeout = 30;        // of the faulty request
   };
   const Case cases[] = {
       {"status=401", ZBPinboardKitUnauthorizedError, 401, 0},
@@ -34,7 +39,7 @@ TEST_F(PinboardClientTest, EveryInjectedFaultYieldsItsDocumentedError) {
       {"empty", ZBPinboardKitMalformedResponseError, 0, 0},
       {"drop", ZBPinboardKitNetworkError, 0, NSURLErrorNetworkConnectionLost},
       {"cut", ZBPinboardKitNetworkError, 0, NSURLErrorNetworkConnectionLost},
-      {"delay=5", ZBPinboardKitTimedOutError, 0, NSURLErrorTimedOut},
+      {"delay=30", ZBPinboardKitTimedOutError, 0, NSURLErrorTimedOut, 1},
   };
   // Each fault on each kind of answer the client reads.
   struct Request {
@@ -54,7 +59,9 @@ TEST_F(PinboardClientTest, EveryInjectedFaultYieldsItsDocumentedError) {
       SCOPED_TRACE(std::string(r.path) + " " + c.fault);
       sim.clearFaults();
       sim.addFault(*Fault::parse(std::string(r.path) + ":" + c.fault + ",times=1"));
+      timeOut(c.timeout);
       NSErrorPtr error = expectFailure(r.make(), c.code);
+      timeOut(30);
       if (!error) continue;
       EXPECT_FALSE(error->localizedDescription().empty());
       EXPECT_TRUE(error->localizedRecoverySuggestion());
@@ -103,21 +110,44 @@ TEST_F(PinboardClientTest, A429BurstIsRetriedWithBackoffThenSucceeds) {
 }
 
 TEST_F(PinboardClientTest, SpacingKeepsConcurrentRequestsUnderTheServiceLimit) {
-  signIn();
-  // The client spaces a little wider than the service demands.
-  sim.setRateLimits({0.1, 0, 0});
-  defaults->setObject(Value(0.15), ZBPinboardRequestIntervalDefaultKey);
-  defaults->setObject(Value(0), ZBPinboardBackoffRetriesDefaultKey);  // any 429 would fail
+  // Virtual time: the client's spacing and the service's limit read one
+  // manual clock, moved on only once the request due has arrived, so no
+  // thread scheduled late can bring two requests closer than they were spaced.
+  auto clock = std::make_shared<ZBManualClock>(NSDate(0));
+  sim.setClock([clock] { return clock->now().timeIntervalSince1970(); });
+  sim.setRateLimits(pinboard_sim::RateLimits::service());
+  defaults->setObject(Value(3.0), ZBPinboardRequestIntervalDefaultKey);  // exactly what the service demands
+  defaults->setObject(Value(0), ZBPinboardBackoffRetriesDefaultKey);     // any 429 fails its request
+  auto spaced = ZBPinboardClient::create(defaults, nullptr, clock);
+  spaced->setCredentials(ZBPinboardCredentials::create("alice", secret));
   auto queue = NSOperationQueue::create();
   std::vector<ZBPinboardClient::Operation> ops;
-  for (int i = 0; i < 5; ++i) ops.push_back(client->retrieveLastPostUpdateDate());
+  for (int i = 0; i < 6; ++i) ops.push_back(i % 2 ? spaced->retrieveTags() : spaced->retrieveLastPostUpdateDate());
   for (auto& op : ops) queue->addOperation(op);
+  for (std::size_t due = 1;; ++due) {
+    ASSERT_TRUE(WaitUntil([&] { return sim.requestCount("/v1/*") >= due; })) << due;
+    if (due == ops.size()) break;
+    clock->advance(3);
+  }
   queue->waitUntilAllOperationsAreFinished();
   for (auto& op : ops) {
     NSErrorPtr error;
     EXPECT_TRUE(op->completionProvider()(&error)) << (error ? error->description() : "");
   }
   for (const auto& r : sim.requestLog()) EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(sim.requestCount("/v1/*"), ops.size());
+
+  // A request waiting for a turn that does not come (time stands still) lets
+  // go when cancelled.
+  auto waiting = spaced->retrieveTags();
+  queue->addOperation(waiting);
+  ASSERT_TRUE(WaitUntil([&] { return waiting->isExecuting() || waiting->isFinished(); }));
+  waiting->cancel();
+  ASSERT_TRUE(WaitUntil([&] { return waiting->isFinished(); }));
+  NSErrorPtr error;
+  EXPECT_FALSE(waiting->completionProvider()(&error));
+  EXPECT_EQ(error ? error->code() : 0, NSUserCancelledError);
+  EXPECT_EQ(sim.requestCount("/v1/*"), ops.size()) << "nothing sent for the cancelled one";
 }
 
 TEST_F(PinboardClientTest, CancellationEndsWaitsAndTransfersWithTheCancelledError) {
@@ -133,7 +163,7 @@ TEST_F(PinboardClientTest, CancellationEndsWaitsAndTransfersWithTheCancelledErro
   auto slow = client->retrieveAllPostsWithTags(Value());
   auto queue = NSOperationQueue::create();
   queue->addOperation(slow);
-  while (!slow->isExecuting() && !slow->isFinished()) std::this_thread::yield();
+  ASSERT_TRUE(WaitUntil([&] { return slow->isExecuting() || slow->isFinished(); }));
   slow->cancel();
   slow->waitUntilFinished();
   NSErrorPtr error;
@@ -148,7 +178,7 @@ TEST_F(PinboardClientTest, CancellationEndsWaitsAndTransfersWithTheCancelledErro
   sim.addFault(*Fault::parse("/v1/tags/get:status=429"));
   auto patient = client->retrieveTags();
   queue->addOperation(patient);
-  while (sim.requestCount("/v1/tags/get") == 0) std::this_thread::yield();
+  ASSERT_TRUE(WaitUntil([&] { return sim.requestCount("/v1/tags/get") > 0; }));
   patient->cancel();
   patient->waitUntilFinished();
   error = nullptr;
@@ -160,29 +190,25 @@ TEST_F(PinboardClientTest, CancellationEndsWaitsAndTransfersWithTheCancelledErro
 
 TEST_F(PinboardClientTest, ConcurrentRequestsFromManyThreadsAllComplete) {
   signIn();
-  sim.generateBookmarks("alice", 300);
-  sim.setNetwork("alice", {"alice"});
+  ASSERT_TRUE(sim.generateBookmarks("alice", 300));
+  ASSERT_TRUE(sim.setNetwork("alice", {"alice"}));
   // The refresh's own pattern: the starred feed and seven source feeds at
   // once, alongside list requests, created and run on different threads.
   const char* sources[] = {"twitter", "twitter_favs", "instapaper", "pocket", "iphone", "delicious", "readability"};
   auto queue = NSOperationQueue::create();
   std::vector<ZBPinboardClient::Operation> ops;
   std::mutex opsMutex;
-  std::vector<std::thread> makers;
-  for (int t = 0; t < 4; ++t) {
-    makers.emplace_back([&, t] {
-      std::vector<ZBPinboardClient::Operation> mine;
-      mine.push_back(client->retrieveFeedWithMethod("starred", true, 1000));
-      for (const char* s : sources) mine.push_back(client->retrieveFeedWithSource(s, 1000));
-      mine.push_back(client->retrieveAllPostsWithTags(Value()));
-      mine.push_back(client->retrieveLastPostUpdateDate());
-      if (t == 0) client->setCredentials(ZBPinboardCredentials::create("alice", secret));
-      for (auto& op : mine) queue->addOperation(op);
-      std::lock_guard<std::mutex> lock(opsMutex);
-      ops.insert(ops.end(), mine.begin(), mine.end());
-    });
-  }
-  for (auto& m : makers) m.join();
+  RunTogether(4, [&](int t) {
+    std::vector<ZBPinboardClient::Operation> mine;
+    mine.push_back(client->retrieveFeedWithMethod("starred", true, 1000));
+    for (const char* s : sources) mine.push_back(client->retrieveFeedWithSource(s, 1000));
+    mine.push_back(client->retrieveAllPostsWithTags(Value()));
+    mine.push_back(client->retrieveLastPostUpdateDate());
+    if (t == 0) client->setCredentials(ZBPinboardCredentials::create("alice", secret));
+    for (auto& op : mine) queue->addOperation(op);
+    std::lock_guard<std::mutex> lock(opsMutex);
+    ops.insert(ops.end(), mine.begin(), mine.end());
+  });
   queue->waitUntilAllOperationsAreFinished();
   ASSERT_EQ(ops.size(), 40u);
   std::size_t sourced = 0;

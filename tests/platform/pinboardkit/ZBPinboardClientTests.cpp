@@ -135,11 +135,18 @@ TEST_F(PinboardClientTest, PostListsArriveInTheModelsVocabulary) {
   signIn();
   EXPECT_EQ(run(client->retrieveAllPostsWithTags(Value())), Value(Array())) << "nothing is an empty list, not a failure";
 
-  sim.addBookmark("alice", Bookmark{.url = "https://example.com/a?b=c&d=%20", .title = "Ünïcödé “title” \\ /",
-                                    .extended = "line\nbreak\ttab", .tags = {"c++", "日本語", "x"},
-                                    .time = 1420070400, .shared = false, .toread = true, .others = 12});
-  sim.addBookmark("alice", Bookmark{.url = "https://example.com/untagged", .title = "u", .time = 1420070500});
-  sim.addBookmark("alice", Bookmark{.url = "https://example.com/old", .title = "o", .tags = {"x"}, .time = 1000000000});
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://example.com/a?b=c&d=%20",
+                                                .title = "Ünïcödé “title” \\ /",
+                                                .extended = "line\nbreak\ttab",
+                                                .tags = {"c++", "日本語", "x"},
+                                                .time = 1420070400,
+                                                .shared = false,
+                                                .toread = true,
+                                                .others = 12}));
+  ASSERT_TRUE(
+      sim.addBookmark("alice", Bookmark{.url = "https://example.com/untagged", .title = "u", .time = 1420070500}));
+  ASSERT_TRUE(sim.addBookmark(
+      "alice", Bookmark{.url = "https://example.com/old", .title = "o", .tags = {"x"}, .time = 1000000000}));
   Value all = run(client->retrieveAllPostsWithTags(Value()));
   ASSERT_EQ(all.count(), 3u);
   EXPECT_EQ(urls(all), (std::vector<std::string>{"https://example.com/untagged", "https://example.com/a?b=c&d=%20",
@@ -248,8 +255,9 @@ TEST_F(PinboardClientTest, AWholeAnswerFromATransportThatCannotStreamIsReadTheSa
 
 TEST_F(PinboardClientTest, EveryWireQuirkReadsTheSame) {
   signIn();
-  sim.addBookmark("alice", Bookmark{.url = "https://a.org/x/y", .title = "Zürich → 🎉", .tags = {"a/b", "ü"}, .time = 5});
-  sim.addBookmark("alice", Bookmark{.url = "https://a.org/z", .time = 4});
+  ASSERT_TRUE(sim.addBookmark(
+      "alice", Bookmark{.url = "https://a.org/x/y", .title = "Zürich → 🎉", .tags = {"a/b", "ü"}, .time = 5}));
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://a.org/z", .time = 4}));
   const Value posts = run(client->retrieveAllPostsWithTags(Value()));
   const Value feed = run(client->retrieveFeedWithUsername("alice", Value(), 10));
   const Value tags = run(client->retrieveTags());
@@ -272,7 +280,7 @@ TEST_F(PinboardClientTest, EveryWireQuirkReadsTheSame) {
     EXPECT_EQ(run(client->retrieveFeedWithUsername("alice", Value(), 10)), feed) << mask;
     EXPECT_EQ(run(client->retrieveTags()), tags) << mask;
   }
-  sim.addBookmark("bob", Bookmark{});  // no such account: nothing changes
+  EXPECT_FALSE(sim.addBookmark("bob", Bookmark{})) << "no such account: nothing changes";
   pinboard_sim::Quirks empty;
   empty.emptyMapAsArray = true;
   sim.setQuirks(empty);
@@ -346,7 +354,7 @@ TEST_F(PinboardClientTest, SendingAPostSendsEveryFieldAndEchoesItsIdentifier) {
 
 TEST_F(PinboardClientTest, TagRequestsAnswerWithTheTitleToLookFor) {
   signIn();
-  sim.addBookmark("alice", Bookmark{.url = "https://1/", .tags = {"Old", "keep"}});
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://1/", .tags = {"Old", "keep"}}));
   EXPECT_EQ(run(client->renameTag("old", "new one")), Value("new one"));
   EXPECT_EQ(sim.bookmark("alice", "https://1/")->tags, (std::vector<std::string>{"new", "keep"}))
       << "the service takes the first word";
@@ -360,7 +368,7 @@ TEST_F(PinboardClientTest, TagRequestsAnswerWithTheTitleToLookFor) {
 TEST_F(PinboardClientTest, SuggestedTagsListPopularThenRecommendedWithRepeats) {
   signIn();
   sim.setPopularTags("https://s.org/python", {"python", "programming"});
-  sim.addBookmark("alice", Bookmark{.url = "https://s.org/python", .tags = {"python", "mine"}});
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://s.org/python", .tags = {"python", "mine"}}));
   EXPECT_EQ(strings(run(client->retrievePostSuggestedTagsForURL("https://s.org/python"))),
             (std::vector<std::string>{"python", "programming", "python", "mine"}));
   EXPECT_EQ(run(client->retrievePostSuggestedTagsForURL("https://unknown.org/")), Value(Array()));
@@ -372,12 +380,19 @@ TEST_F(PinboardClientTest, FeedsMapTheirItemsAndUseTheSecretKeyOnce) {
   pinboard_sim::AccountSeed bob;
   bob.username = "bob";
   sim.addAccount(bob);
-  sim.setNetwork("alice", {"bob"});
-  sim.addBookmark("alice", Bookmark{.url = "https://a/priv", .title = "P", .extended = "n", .tags = {"t"}, .time = 30,
-                                    .shared = false, .starred = true, .source = "twitter"});
-  sim.addBookmark("alice", Bookmark{.url = "https://a/pub", .time = 20, .source = "pocket"});
-  sim.addBookmark("bob", Bookmark{.url = "https://en.wikipedia.org/wiki/X", .title = "X", .tags = {"t", "u"}, .time = 10});
-  sim.addBookmark("bob", Bookmark{.url = "https://b/t-only", .tags = {"t"}, .time = 5});
+  ASSERT_TRUE(sim.setNetwork("alice", {"bob"}));
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://a/priv",
+                                                .title = "P",
+                                                .extended = "n",
+                                                .tags = {"t"},
+                                                .time = 30,
+                                                .shared = false,
+                                                .starred = true,
+                                                .source = "twitter"}));
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://a/pub", .time = 20, .source = "pocket"}));
+  ASSERT_TRUE(sim.addBookmark(
+      "bob", Bookmark{.url = "https://en.wikipedia.org/wiki/X", .title = "X", .tags = {"t", "u"}, .time = 10}));
+  ASSERT_TRUE(sim.addBookmark("bob", Bookmark{.url = "https://b/t-only", .tags = {"t"}, .time = 5}));
 
   Value starred = run(client->retrieveFeedWithMethod("starred", true, 1000));
   ASSERT_EQ(starred.count(), 1u);

@@ -9,6 +9,7 @@
 #include "pinboard-sim/Generator.h"
 #include "pinboard-sim/Wire.h"
 #include "platform/pinboardkit/ZBPinboardKit.h"
+#include "platform/pinboardkit/ZBPinboardPostListReader.h"
 #include "platform/pinboardkit/ZBPinboardResponseParser.h"
 
 namespace {

@@ -145,28 +145,35 @@ TEST(ZBPinboardResponseParser, LeavesTheCallersBytesUnchanged) {
 
 namespace {
 
-TEST(ZBPinboardResponseParser, PostTimesReadAsTheGeneralDateReaderReadsThem) {
-  std::vector<std::string> times = {
-      "2000-02-29T12:00:00Z", "1900-02-29T00:00:00Z", "2100-02-28T23:59:59Z", "2100-02-29T00:00:00Z",
-      "0000-02-29T00:00:00Z", "0000-01-01T00:00:00Z", "0001-01-01T00:00:00Z", "9999-12-31T23:59:59Z",
-      "1969-12-31T23:59:59Z", "2024-13-01T00:00:00Z", "2024-00-10T00:00:00Z", "2024-04-31T00:00:00Z",
-      "2024-04-00T00:00:00Z", "2024-01-01T24:00:00Z", "2024-01-01T00:60:00Z", "2024-01-01T00:00:60Z",
-      "2024-1-01T00:00:00Z",  "2024-01-01T00:00:00+00:00", "2024-01-01T00:00:00.5Z", "2024-01-01 00:00:00Z",
-      "2O24-01-01T00:00:00Z", "2024-01-01T00:00:00z", "-024-01-01T00:00:00Z"};
-  // Every second of a few centuries, sampled, as the service would write it.
+// Post times take a short path of their own in the date reader; it must agree
+// with what the printer writes and refuse what is not a date.
+TEST(ZBPinboardResponseParser, PostTimesReadAsTheyWereWritten) {
+  // Near the edges of the service's form: the date as printed back, or none.
+  std::vector<std::pair<std::string, std::string>> times = {
+      {"2000-02-29T12:00:00Z", "2000-02-29T12:00:00Z"}, {"1900-02-29T00:00:00Z", ""},
+      {"2100-02-28T23:59:59Z", "2100-02-28T23:59:59Z"}, {"2100-02-29T00:00:00Z", ""},
+      {"0000-02-29T00:00:00Z", "0000-02-29T00:00:00Z"}, {"0001-01-01T00:00:00Z", "0001-01-01T00:00:00Z"},
+      {"9999-12-31T23:59:59Z", "9999-12-31T23:59:59Z"}, {"1969-12-31T23:59:59Z", "1969-12-31T23:59:59Z"},
+      {"2024-13-01T00:00:00Z", ""}, {"2024-00-10T00:00:00Z", ""}, {"2024-04-31T00:00:00Z", ""},
+      {"2024-04-00T00:00:00Z", ""}, {"2024-01-01T24:00:00Z", ""}, {"2024-01-01T00:60:00Z", ""},
+      {"2024-01-01T00:00:60Z", ""}, {"2024-1-01T00:00:00Z", ""}, {"2024-01-01 00:00:00Z", ""},
+      {"2O24-01-01T00:00:00Z", ""}, {"2024-01-01T00:00:00z", ""}, {"-024-01-01T00:00:00Z", ""},
+      {"2024-01-01T00:00:00+00:00", "2024-01-01T00:00:00Z"}, {"2024-01-01T00:00:00.5Z", "2024-01-01T00:00:00.500Z"}};
+  // Seconds of a few centuries, sampled, as the service would write them.
   std::mt19937_64 rng(11);
-  for (int i = 0; i < 3000; ++i)
-    times.push_back(NSDate::dateWithTimeIntervalSince1970(static_cast<double>(rng() % 8000000000ULL) - 2000000000.0)
-                        .ISO8601String());
+  for (int i = 0; i < 3000; ++i) {
+    const std::string t =
+        NSDate::dateWithTimeIntervalSince1970(static_cast<double>(rng() % 8000000000ULL) - 2000000000.0).ISO8601String();
+    times.emplace_back(t, t);
+  }
   std::string body = "[";
-  for (const std::string& t : times) body += R"({"href":"x","time":")" + t + R"("},)";
+  for (const auto& [text, printed] : times) body += R"({"href":"x","time":")" + text + R"("},)";
   body.back() = ']';
   Value posts = P::posts(body, "me", "posts/all");
   ASSERT_EQ(posts.count(), times.size());
   for (std::size_t i = 0; i < times.size(); ++i) {
-    auto expected = NSDate::dateFromISO8601String(times[i]);
-    EXPECT_EQ(posts.asArray()[i].asDictionary()[ZBPinboardPostDateKey], expected ? Value(*expected) : Value())
-        << times[i];
+    const Value& date = posts.asArray()[i].asDictionary()[ZBPinboardPostDateKey];
+    EXPECT_EQ(date ? date.asDate().ISO8601String() : "", times[i].second) << times[i].first;
   }
 }
 

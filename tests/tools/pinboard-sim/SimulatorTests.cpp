@@ -8,6 +8,7 @@
 
 #include "pinboard-sim/Simulator.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TogetherThreads.h"
 
 using namespace pinboard_sim;
 using nlohmann::json;
@@ -210,7 +211,8 @@ TEST_F(SimulatorTest, PostListsFilterAndOrderLikeTheService) {
   json recent = call("/v1/posts/recent", {{"count", "2"}, {"tag", "y"}});
   EXPECT_EQ(hrefs(recent["posts"]), (std::vector<std::string>{"https://4.org/", "https://3.org/"}));
   EXPECT_EQ(recent["date"], "2020-01-03T23:59:59Z");
-  for (int i = 0; i < 120; ++i) sim.addBookmark("alice", Bookmark{.url = "https://bulk/" + std::to_string(i), .time = i});
+  for (int i = 0; i < 120; ++i)
+    ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://bulk/" + std::to_string(i), .time = i}));
   EXPECT_EQ(call("/v1/posts/recent")["posts"].size(), 15u);
   EXPECT_EQ(call("/v1/posts/recent", {{"count", "1000"}})["posts"].size(), 100u);
   EXPECT_EQ(call("/v1/posts/all").size(), 125u);
@@ -265,8 +267,9 @@ TEST_F(SimulatorTest, SuggestUserNotesAndXML) {
   AccountSeed bob;
   bob.username = "bob";
   sim.addAccount(bob);
-  sim.addBookmark("bob", Bookmark{.url = "https://shared.org/python", .tags = {"python", "lang", ".secret"}});
-  sim.addBookmark("alice", Bookmark{.url = "https://other.org/", .tags = {"python", "misc"}});
+  ASSERT_TRUE(
+      sim.addBookmark("bob", Bookmark{.url = "https://shared.org/python", .tags = {"python", "lang", ".secret"}}));
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://other.org/", .tags = {"python", "misc"}}));
   json suggest = call("/v1/posts/suggest", {{"url", "https://shared.org/python"}});
   ASSERT_TRUE(suggest.is_array());
   ASSERT_EQ(suggest.size(), 2u);
@@ -303,15 +306,22 @@ TEST_F(SimulatorTest, FeedsShowPublicBookmarksAndSecretFeedsTheRest) {
   AccountSeed bob;
   bob.username = "bob";
   sim.addAccount(bob);
-  sim.addBookmark("alice", Bookmark{.url = "https://a.org/pub", .title = "Pub", .tags = {"x", ".hidden"}, .time = 300});
-  sim.addBookmark("alice", Bookmark{.url = "https://a.org/priv", .tags = {"x"}, .time = 200, .shared = false,
-                                    .toread = true, .starred = true, .source = "pocket"});
-  sim.addBookmark("alice", Bookmark{.url = "https://a.org/star", .time = 100, .starred = true, .source = "twitter"});
-  sim.addBookmark("bob", Bookmark{.url = "https://a.org/pub", .tags = {"x", "y"}, .time = 400});
-  sim.addBookmark("bob", Bookmark{.url = "https://en.wikipedia.org/wiki/Z", .title = "Z", .time = 50});
-  sim.addBookmark("bob", Bookmark{.url = "https://b.org/ja", .title = "東京の記事", .time = 60});
-  sim.addBookmark("bob", Bookmark{.url = "https://b.org/bobpriv", .time = 500, .shared = false});
-  sim.setNetwork("alice", {"bob", "nobody"});
+  ASSERT_TRUE(sim.addBookmark(
+      "alice", Bookmark{.url = "https://a.org/pub", .title = "Pub", .tags = {"x", ".hidden"}, .time = 300}));
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://a.org/priv",
+                                                .tags = {"x"},
+                                                .time = 200,
+                                                .shared = false,
+                                                .toread = true,
+                                                .starred = true,
+                                                .source = "pocket"}));
+  ASSERT_TRUE(sim.addBookmark(
+      "alice", Bookmark{.url = "https://a.org/star", .time = 100, .starred = true, .source = "twitter"}));
+  ASSERT_TRUE(sim.addBookmark("bob", Bookmark{.url = "https://a.org/pub", .tags = {"x", "y"}, .time = 400}));
+  ASSERT_TRUE(sim.addBookmark("bob", Bookmark{.url = "https://en.wikipedia.org/wiki/Z", .title = "Z", .time = 50}));
+  ASSERT_TRUE(sim.addBookmark("bob", Bookmark{.url = "https://b.org/ja", .title = "東京の記事", .time = 60}));
+  ASSERT_TRUE(sim.addBookmark("bob", Bookmark{.url = "https://b.org/bobpriv", .time = 500, .shared = false}));
+  ASSERT_TRUE(sim.setNetwork("alice", {"bob", "nobody"}));
   const std::string key = sim.rssKey("alice");
   auto feed = [&](const std::string& path, httplib::Params params = {}) {
     auto r = get("/json/" + path, std::move(params), "none");
@@ -364,13 +374,13 @@ TEST_F(SimulatorTest, FeedsShowPublicBookmarksAndSecretFeedsTheRest) {
 
   auto jsonp = get("/json/u:bob/", {{"cb", "show"}, {"count", "1"}}, "none");
   EXPECT_EQ(jsonp->body.rfind("show([{", 0), 0u) << jsonp->body;
-  for (int i = 0; i < 500; ++i) sim.addBookmark("bob", Bookmark{.url = "https://n/" + std::to_string(i)});
+  for (int i = 0; i < 500; ++i) ASSERT_TRUE(sim.addBookmark("bob", Bookmark{.url = "https://n/" + std::to_string(i)}));
   EXPECT_EQ(feed("u:bob/").size(), 50u);
   EXPECT_EQ(feed("u:bob/", {{"count", "10000"}}).size(), 400u);
 }
 
 TEST_F(SimulatorTest, WireQuirksCanBeSwitched) {
-  sim.addBookmark("alice", Bookmark{.url = "https://a.org/x", .title = "Café ✔ 🎉", .time = 1});
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://a.org/x", .title = "Café ✔ 🎉", .time = 1}));
   auto body = [&] { return get("/v1/posts/all")->body; };
   std::string def = body();
   EXPECT_NE(def.find("https:\\/\\/a.org\\/x"), std::string::npos);
@@ -464,7 +474,7 @@ TEST_F(SimulatorTest, InjectedFaultsShapeTheAnswers) {
   EXPECT_EQ(faulted, 10u) << "the delayed request is still held, and logged when it ends";
 }
 
-TEST(SimulatorFault, ParsesSpecificationsAndRejectsNonsense) {
+TEST(SimulatorFault, ParsesFaultSettingsAndRejectsNonsense) {
   auto f = Fault::parse("/json/u:alice/*:status=500,delay=0.5,times=3,after=2");
   ASSERT_TRUE(f);
   EXPECT_EQ(f->path, "/json/u:alice/*");
@@ -515,21 +525,21 @@ TEST_F(SimulatorTest, RateLimitsAnswer429UntilTheIntervalHasPassed) {
 
 TEST_F(SimulatorTest, ConcurrentClientsLoseNoWrite) {
   constexpr int kThreads = 8, kEach = 25;
-  std::vector<std::thread> threads;
   std::atomic<int> failures{0};
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      httplib::Client client("127.0.0.1", sim.port());
-      for (int i = 0; i < kEach; ++i) {
-        std::string url = "https://c.org/" + std::to_string(t) + "/" + std::to_string(i);
-        auto r = client.Get("/v1/posts/add", httplib::Params{{"auth_token", token}, {"format", "json"}, {"url", url},
-                                                             {"description", "d"}, {"tags", "t" + std::to_string(t)}},
-                            httplib::Headers{});
-        if (!r || r->status != 200 || r->body.find("done") == std::string::npos) ++failures;
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
+  RunTogether(kThreads, [&](int t) {
+    httplib::Client client("127.0.0.1", sim.port());
+    for (int i = 0; i < kEach; ++i) {
+      std::string url = "https://c.org/" + std::to_string(t) + "/" + std::to_string(i);
+      auto r = client.Get("/v1/posts/add",
+                          httplib::Params{{"auth_token", token},
+                                          {"format", "json"},
+                                          {"url", url},
+                                          {"description", "d"},
+                                          {"tags", "t" + std::to_string(t)}},
+                          httplib::Headers{});
+      if (!r || r->status != 200 || r->body.find("done") == std::string::npos) ++failures;
+    }
+  });
   EXPECT_EQ(failures.load(), 0);
   EXPECT_EQ(sim.bookmarkCount("alice"), std::size_t(kThreads * kEach));
   EXPECT_EQ(call("/v1/posts/all").size(), std::size_t(kThreads * kEach));
@@ -600,7 +610,7 @@ TEST_F(SimulatorTest, StateRoundTripsThroughSeedFiles) {
   ASSERT_TRUE(sim.generateBookmarks("alice", 200));
   ASSERT_TRUE(sim.setStarred("alice", sim.bookmarks("alice")[3].url, true));
   ASSERT_TRUE(sim.addNote("alice", "n", "text", 1, 2));
-  sim.setNetwork("alice", {"bob"});
+  ASSERT_TRUE(sim.setNetwork("alice", {"bob"}));
   sim.setPopularTags("https://x.org/", {"a", "b"});
   TemporaryDirectory dir;
   std::string path = (dir / "state.json").string();
@@ -663,7 +673,7 @@ TEST(SimulatorExecutable, PrintsItsAddressAndServesSeededUsers) {
   kill(pid, SIGTERM);
   pclose(out);
   // The simulator writes its state on the way out; wait for it to be gone.
-  for (int i = 0; i < 1000 && kill(pid, 0) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  for (int i = 0; i < 6000 && kill(pid, 0) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   Simulator restored;
   ASSERT_TRUE(restored.loadSeedFile(state));
   EXPECT_EQ(restored.bookmarkCount("eve"), 29u) << "the state file holds the deletion";

@@ -1,39 +1,41 @@
 #include "platform/pinboardkit/impl/ZBPinboardRateLimiter.h"
 
 #include <algorithm>
+#include <chrono>
 #include <thread>
-
-namespace {
-
-ZBPinboardRateLimiter::Clock::duration seconds(double s) {
-  return std::chrono::duration_cast<ZBPinboardRateLimiter::Clock::duration>(std::chrono::duration<double>(std::max(0.0, s)));
-}
-
-}  // namespace
 
 bool ZBPinboardRateLimiter::waitForTurn(const std::string& requestClass, double generalInterval,
                                         double classInterval, const std::function<bool()>& cancelled) {
   const bool general = requestClass != "feeds";
-  Clock::time_point slot;
+  double slot;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
-    slot = Clock::now();
+    ZBMutexLock hold(_mutex);
+    slot = _now();
     if (general) slot = std::max(slot, _nextGeneral);
     auto it = _nextOf.find(requestClass);
     if (it != _nextOf.end()) slot = std::max(slot, it->second);
-    if (general) _nextGeneral = slot + seconds(generalInterval);
-    _nextOf[requestClass] = slot + seconds(classInterval);
+    if (general) _nextGeneral = slot + std::max(0.0, generalInterval);
+    _nextOf[requestClass] = slot + std::max(0.0, classInterval);
   }
-  return sleep(std::chrono::duration<double>(slot - Clock::now()).count(), cancelled);
+  return _sleepUntil(slot, cancelled);
 }
 
-bool ZBPinboardRateLimiter::sleep(double duration, const std::function<bool()>& cancelled) {
-  // Short naps, so a cancelled request lets go within a fraction of a second.
-  const auto until = Clock::now() + seconds(duration);
+bool ZBPinboardRateLimiter::sleep(double seconds, const std::function<bool()>& cancelled) const {
+  return _sleepUntil(_now() + std::max(0.0, seconds), cancelled);
+}
+
+double ZBPinboardRateLimiter::_now() const {
+  if (_clock) return _clock->now().timeIntervalSinceReferenceDate();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+bool ZBPinboardRateLimiter::_sleepUntil(double until, const std::function<bool()>& cancelled) const {
+  // Short naps, so a cancelled request lets go within a fraction of a second
+  // and a moved clock is noticed as soon.
   for (;;) {
     if (cancelled && cancelled()) return false;
-    auto now = Clock::now();
-    if (now >= until) return true;
-    std::this_thread::sleep_for(std::min<Clock::duration>(until - now, std::chrono::milliseconds(50)));
+    const double left = until - _now();
+    if (left <= 0) return true;
+    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(left, 0.05)));
   }
 }
