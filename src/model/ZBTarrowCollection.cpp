@@ -235,7 +235,7 @@ Dictionary ZBTarrowCollection::dictionaryRepresentation() const {
   return dictionary;
 }
 
-void ZBTarrowCollection::updateWithDictionaryRepresentation(const Dictionary& dictionary) {
+bool ZBTarrowCollection::updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error) {
   Dictionary values = dictionary;
   Value predicate = values[ZBTarrowCollectionPredicateKey];
   if (predicate.isData()) {
@@ -245,5 +245,5 @@ void ZBTarrowCollection::updateWithDictionaryRepresentation(const Dictionary& di
     predicate = NSKeyedUnarchiver::unarchivedObjectOfClass("NSPredicate", predicate.asData());
     values.set(ZBTarrowCollectionPredicateKey, predicate);
   }
-  for (const auto& [key, value] : values) setValueForKey(value, key);
+  return setValuesForKeysWithDictionary(values, error);
 }

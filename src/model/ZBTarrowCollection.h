@@ -95,7 +95,7 @@ public:
   // Sets every entry. A "predicate" given as data is unarchived first; data
   // that does not hold a predicate (damaged, or the archive of nothing)
   // leaves the current predicate as it is.
-  void updateWithDictionaryRepresentation(const Dictionary& dictionary) override;
+  bool updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error = nullptr) override;
 
   // NSManagedObject
   void awakeFromInsert() override;

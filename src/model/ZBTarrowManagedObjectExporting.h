@@ -16,6 +16,7 @@
 
 #include <string>
 
+#include "platform/foundation/NSError.h"
 #include "platform/foundation/Value.h"
 
 class NSManagedObject;
@@ -29,8 +30,12 @@ public:
   // The object's values keyed by attribute name, absent values left out.
   virtual Dictionary dictionaryRepresentation() const = 0;
   // Sets the object's values from such a dictionary. Keys must be attribute
-  // names; an unknown key is a programming error (std::logic_error).
-  virtual void updateWithDictionaryRepresentation(const Dictionary& dictionary) = 0;
+  // names; an unknown key is a programming error (std::logic_error, thrown
+  // before anything changes). A value of the wrong kind for its key (outside
+  // data may hold one) is skipped and the rest applied; the result is then
+  // false and *error holds the refusals (see
+  // NSManagedObject::setValuesForKeysWithDictionary).
+  virtual bool updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error = nullptr) = 0;
 };
 
 class ZBTarrowPinboardObject : public ZBTarrowManagedObjectExporting {

@@ -236,31 +236,37 @@ std::shared_ptr<ZBTarrowPinboardTag> ZBTarrowPinboardPost::tagWithTitle(const st
   return tag;
 }
 
-void ZBTarrowPinboardPost::updateWithDictionaryRepresentation(const Dictionary& dictionary) {
+Value ZBTarrowPinboardPost::_tagsForValue(const Value& tags) const {
+  if (tags.isNull()) return Value(Set());
+  if (!tags.isCollection()) return tags;
+  const Array members = tags.collectionElements();
+  for (const auto& member : members) {
+    if (!member.as<ZBTarrowPinboardTag>() && !member.isString()) return tags;
+  }
+  Set resolved;
+  for (const auto& member : members) {
+    if (member.isString()) {
+      if (member.asString().empty()) continue;
+      if (auto tag = tagWithTitle(member.asString())) resolved.insert(Value(tag));
+    } else {
+      resolved.insert(member);
+    }
+  }
+  return Value(std::move(resolved));
+}
+
+bool ZBTarrowPinboardPost::updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error) {
+  for (const auto& entry : dictionary) {
+    if (!entity()->propertyNamed(entry.first)) {
+      throw std::logic_error("the entity " + entity()->name() + " has no property '" + entry.first + "'");
+    }
+  }
   Dictionary values = dictionary;
-  const Value tags = values[ZBTarrowPinboardPostTagsKey];
-  values.remove(ZBTarrowPinboardPostTagsKey);
   // Absent flags are the service's way of saying read, public, not starred.
   if (!values.contains(ZBTarrowPinboardPostUnreadKey)) values.set(ZBTarrowPinboardPostUnreadKey, Value(false));
   if (!values.contains(ZBTarrowPinboardPostSharedKey)) values.set(ZBTarrowPinboardPostSharedKey, Value(true));
   if (!values.contains(ZBTarrowPinboardPostStarredKey)) values.set(ZBTarrowPinboardPostStarredKey, Value(false));
-  for (const auto& [key, value] : values) setValueForKey(value, key);
-
-  if (tags.isAbsent()) return;
-  if (tags.isNull() || (tags.isCollection() && tags.count() == 0)) {
-    setValueForKey(Value(Set()), ZBTarrowPinboardPostTagsKey);
-    return;
-  }
-  if (!tags.isCollection()) {
-    throw std::logic_error("the tags of a post must be a collection of tags or titles, not " + tags.description());
-  }
-  Set resolved;
-  for (const auto& member : tags.collectionElements()) {
-    if (member.as<ZBTarrowPinboardTag>()) {
-      resolved.insert(member);
-    } else if (member.isString() && !member.asString().empty()) {
-      if (auto tag = tagWithTitle(member.asString())) resolved.insert(Value(tag));
-    }
-  }
-  setValueForKey(Value(std::move(resolved)), ZBTarrowPinboardPostTagsKey);
+  const Value& tags = dictionary[ZBTarrowPinboardPostTagsKey];
+  if (!tags.isAbsent()) values.set(ZBTarrowPinboardPostTagsKey, _tagsForValue(tags));
+  return setValuesForKeysWithDictionary(values, error);
 }

@@ -95,9 +95,10 @@ public:
   // the null marker or an empty collection clears them; otherwise each member
   // is a tag object (taken as it is) or a title (resolved by tagWithTitle;
   // empty titles are skipped), and the result replaces the post's tags.
-  // A "tags" value that is neither null nor a collection, or an unknown key,
-  // is a programming error (std::logic_error).
-  void updateWithDictionaryRepresentation(const Dictionary& dictionary) override;
+  // Values of the wrong kind (a "tags" value that is not such a collection
+  // included) are skipped as the protocol says; an unknown key throws
+  // std::logic_error before any tag is looked up or set.
+  bool updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error = nullptr) override;
 
   // The tag of that title in the post's context: an exact match, else one
   // differing only in case or diacritics (keeping its spelling), else a new
@@ -132,11 +133,15 @@ public:
   // NSManagedObject
   void awakeFromInsert() override;
   // After the base validation: fills in identifier from url when absent.
-  bool validateForInsert(NSErrorPtr* error) override;
+  [[nodiscard]] bool validateForInsert(NSErrorPtr* error) override;
   Value valueForKey(const std::string& key) const override;
   std::vector<std::string> keyPathsForValuesAffectingValueForKey(const std::string& key) const override;
 
 private:
+  // The tags a dictionary's "tags" value stands for (see
+  // updateWithDictionaryRepresentation); a value that is not a collection of
+  // tags and titles comes back as it is, for the setter to refuse.
+  Value _tagsForValue(const Value& tags) const;
   std::optional<std::string> _string(const std::string& key) const;
   void _setString(const std::string& key, std::optional<std::string> value);
 };

@@ -42,10 +42,10 @@ std::uint64_t ZBTarrowPinboardTag::postCount() const {
 
 Dictionary ZBTarrowPinboardTag::dictionaryRepresentation() const { return ZBTarrowStoredAttributesDictionary(*this); }
 
-void ZBTarrowPinboardTag::updateWithDictionaryRepresentation(const Dictionary& dictionary) {
+bool ZBTarrowPinboardTag::updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error) {
   Dictionary values = dictionary;
   values.remove(ZBTarrowPinboardTagPostsKey);
-  for (const auto& [key, value] : values) setValueForKey(value, key);
+  return setValuesForKeysWithDictionary(values, error);
 }
 
 Value ZBTarrowPinboardTag::valueForKey(const std::string& key) const {

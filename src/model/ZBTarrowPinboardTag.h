@@ -45,7 +45,7 @@ public:
   // title, previousTitle, deleting, dirty as far as present; never posts.
   Dictionary dictionaryRepresentation() const override;
   // Sets every entry except "posts", which is ignored.
-  void updateWithDictionaryRepresentation(const Dictionary& dictionary) override;
+  bool updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error = nullptr) override;
 
   static std::vector<std::string> keyPathsForValuesAffectingPostCount() { return {"posts.@count"}; }
 

@@ -26,6 +26,6 @@ void ZBTarrowSearch::awakeFromInsert() {
 
 Dictionary ZBTarrowSearch::dictionaryRepresentation() const { return ZBTarrowStoredAttributesDictionary(*this); }
 
-void ZBTarrowSearch::updateWithDictionaryRepresentation(const Dictionary& dictionary) {
-  for (const auto& [key, value] : dictionary) setValueForKey(value, key);
+bool ZBTarrowSearch::updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error) {
+  return setValuesForKeysWithDictionary(dictionary, error);
 }

@@ -41,7 +41,7 @@ public:
   // Every stored attribute with a value.
   Dictionary dictionaryRepresentation() const override;
   // Sets every entry as it is: the null marker clears an attribute.
-  void updateWithDictionaryRepresentation(const Dictionary& dictionary) override;
+  bool updateWithDictionaryRepresentation(const Dictionary& dictionary, NSErrorPtr* error = nullptr) override;
 
   // NSManagedObject: a new search gets a new unique identifier.
   void awakeFromInsert() override;

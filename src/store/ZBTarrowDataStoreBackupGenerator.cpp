@@ -86,20 +86,28 @@ std::optional<std::vector<Dictionary>> checkedItems(const Value& items, const st
   return checked;
 }
 
+// An entry without an identifier matches nothing: it becomes a new item that
+// keeps the identifier it was given at insertion.
 void restoreItems(const std::vector<Dictionary>& items, const std::string& entityName, const std::string& identifierKey,
                   const NSManagedObjectContextPtr& context) {
-  for (const Dictionary& values : items) {
-    const Value& identifier = values[identifierKey];
-    auto request = NSFetchRequest::fetchRequestWithEntityName(entityName);
-    request->setPredicate(NSPredicate::predicateWithFormat("%K == %@", {Value(identifierKey), identifier}));
-    request->setFetchLimit(1);
-    auto found = context->executeFetchRequest(request);  // a failed lookup inserts anew
+  for (Dictionary values : items) {
+    const Value identifier = values[identifierKey];
+    const bool identified = !identifier.isAbsent() && !identifier.isNull();
     std::shared_ptr<NSManagedObject> object;
-    if (found && !found->empty()) object = found->front().as<NSManagedObject>();
+    if (identified) {
+      auto request = NSFetchRequest::fetchRequestWithEntityName(entityName);
+      request->setPredicate(NSPredicate::predicateWithFormat("%K == %@", {Value(identifierKey), identifier}));
+      request->setFetchLimit(1);
+      auto found = context->executeFetchRequest(request);  // a failed lookup inserts anew
+      if (found && !found->empty()) object = found->front().as<NSManagedObject>();
+    } else {
+      values.remove(identifierKey);
+    }
     if (!object) {
       object = context->insertNewObjectForEntityForName(entityName);
-      object->setValueForKey(identifier, identifierKey);
+      if (identified) object->setValueForKey(identifier, identifierKey);
     }
+    // Every value was checked against the entity above.
     if (auto exporting = std::dynamic_pointer_cast<ZBTarrowManagedObjectExporting>(object)) {
       exporting->updateWithDictionaryRepresentation(values);
     }

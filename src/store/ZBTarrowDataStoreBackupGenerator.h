@@ -28,8 +28,8 @@ class ZBTarrowDataStoreBackupGenerator {
 public:
   // The document's bytes; nullopt and *error when a fetch or the
   // serialisation fails.
-  std::optional<Data> createBackupFromContext(const NSManagedObjectContextPtr& context,
-                                              NSErrorPtr* error = nullptr) const;
+  [[nodiscard]] std::optional<Data> createBackupFromContext(const NSManagedObjectContextPtr& context,
+                                                            NSErrorPtr* error = nullptr) const;
   // Applies the document and saves the context. False and *error when:
   // - data is not a property list: the parser's error (NSCocoaErrorDomain,
   //   NSPropertyListReadCorruptError); nothing changes;
@@ -43,7 +43,8 @@ public:
   // data is damaged is restored without it: the collection keeps the
   // predicate it had (a new one has none). The context's model must hold
   // the Collection and Search entities (else std::logic_error).
-  bool restoreBackup(const Data& data, const NSManagedObjectContextPtr& context, NSErrorPtr* error = nullptr) const;
+  [[nodiscard]] bool restoreBackup(const Data& data, const NSManagedObjectContextPtr& context,
+                                   NSErrorPtr* error = nullptr) const;
 
   // mapper applied to each element, in order.
   static Array _mapArray(const Array& array, const std::function<Value(const Value&)>& mapper);

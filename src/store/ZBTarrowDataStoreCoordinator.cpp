@@ -53,12 +53,12 @@ NSURL ZBTarrowDataApplicationGroupContainerStoresURL() {
 }
 
 std::shared_ptr<ZBTarrowDataStoreCoordinator> ZBTarrowDataStoreCoordinator::create() {
-  auto coordinator = std::make_shared<ZBTarrowDataStoreCoordinator>();
+  auto coordinator = std::make_shared<ZBTarrowDataStoreCoordinator>(Passkey());
   coordinator->_observeSaves();
   return coordinator;
 }
 
-ZBTarrowDataStoreCoordinator::ZBTarrowDataStoreCoordinator() {
+ZBTarrowDataStoreCoordinator::ZBTarrowDataStoreCoordinator(Passkey) {
   _coordinator = NSPersistentStoreCoordinator::create(ZBTarrowDataCreateManagedObjectModel());
 
   // The root context has no undo manager: the object store keeps none.

@@ -47,9 +47,15 @@ std::optional<std::string> ZBTarrowDataDefaultSecurityApplicationGroupIdentifier
 NSURL ZBTarrowDataApplicationGroupContainerStoresURL();
 
 class ZBTarrowDataStoreCoordinator final : public NSObject {
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
 public:
   // Builds the model, the coordinator and both contexts; adds no store.
   static std::shared_ptr<ZBTarrowDataStoreCoordinator> create();
+  // For create only (the merging of saves is set up there).
+  explicit ZBTarrowDataStoreCoordinator(Passkey);
   ~ZBTarrowDataStoreCoordinator() override;
 
   const std::shared_ptr<NSPersistentStoreCoordinator>& persistentStoreCoordinator() const { return _coordinator; }
@@ -60,11 +66,11 @@ public:
   // False when a store cannot be added or the items cannot be saved. A
   // failure to open the Pinboard store leaves *error untouched (the Tarrow
   // store is then not tried); the other failures set it.
-  bool setup(NSErrorPtr* error = nullptr);
+  [[nodiscard]] bool setup(NSErrorPtr* error = nullptr);
   // Removes both stores from the coordinator (the files stay). False and
   // *error when a removal fails; a failure at the Pinboard store leaves the
   // Tarrow store in place.
-  bool teardown(NSErrorPtr* error = nullptr);
+  [[nodiscard]] bool teardown(NSErrorPtr* error = nullptr);
 
   // Deletes the store's directory with everything in it and opens a fresh,
   // empty store with the same configuration and options in its place, while
@@ -73,8 +79,8 @@ public:
   // information; nothing is deleted), or the platform's error of the step
   // that failed. No step is undone. Objects already in contexts are not
   // refreshed; cancel work using the store first.
-  bool resetPinboardStore(NSErrorPtr* error = nullptr);
-  bool resetTarrowStore(NSErrorPtr* error = nullptr);
+  [[nodiscard]] bool resetPinboardStore(NSErrorPtr* error = nullptr);
+  [[nodiscard]] bool resetTarrowStore(NSErrorPtr* error = nullptr);
 
   // Observer of NSManagedObjectContextDidSaveNotification (registered for the
   // root and the main context).
@@ -91,12 +97,10 @@ public:
 
   std::string className() const override { return "ZBTarrowDataStoreCoordinator"; }
 
-  ZBTarrowDataStoreCoordinator();
-
 private:
-  bool _setupAndCreateDefaultItems(bool createDefaultItems, NSErrorPtr* error);
-  bool _createDefaultItemsIfNeeded(const NSManagedObjectContextPtr& context, NSErrorPtr* error);
-  bool _resetStoreAtLocation(const NSURL& location, NSErrorPtr* error);
+  [[nodiscard]] bool _setupAndCreateDefaultItems(bool createDefaultItems, NSErrorPtr* error);
+  [[nodiscard]] bool _createDefaultItemsIfNeeded(const NSManagedObjectContextPtr& context, NSErrorPtr* error);
+  [[nodiscard]] bool _resetStoreAtLocation(const NSURL& location, NSErrorPtr* error);
   void _performCriticalSectionOnPersistentStoreCoordinator(const std::function<void()>& work);
   void _observeSaves();
 

@@ -87,7 +87,7 @@ bool ZBTarrowDataStoreDefaultGenerator::_createDefaultObjects(const Array& metad
     if (count > 0) continue;
     // Insertion gives the object a fresh identifier; the fixed one replaces it.
     auto object = context->insertNewObjectForEntityForName(entityName);
-    for (const auto& [key, value] : values) object->setValueForKey(value, key);
+    object->setValuesForKeysWithDictionary(values);
   }
   return context->save(error);
 }

@@ -17,7 +17,8 @@ public:
   // *error (the store's error of the failed count or save) on failure; after
   // a failed count nothing more is saved and earlier insertions stay unsaved
   // in the context.
-  bool createDefaultSidebarItemsIfNeeded(const NSManagedObjectContextPtr& context, NSErrorPtr* error = nullptr) const;
+  [[nodiscard]] bool createDefaultSidebarItemsIfNeeded(const NSManagedObjectContextPtr& context,
+                                                       NSErrorPtr* error = nullptr) const;
 
   // The built-in items as metadata dictionaries keyed by the entities' keys,
   // in creation order. Titles are looked up in the current language.
@@ -25,8 +26,10 @@ public:
   static Array _defaultCommunityMetadata();
 
 private:
-  bool _createDefaultCollectionsIfNeeded(const NSManagedObjectContextPtr& context, NSErrorPtr* error) const;
-  bool _createDefaultSearchesIfNeeded(const NSManagedObjectContextPtr& context, NSErrorPtr* error) const;
-  bool _createDefaultObjects(const Array& metadata, const std::string& entityName, const std::string& identityKey,
-                             const NSManagedObjectContextPtr& context, NSErrorPtr* error) const;
+  [[nodiscard]] bool _createDefaultCollectionsIfNeeded(const NSManagedObjectContextPtr& context,
+                                                       NSErrorPtr* error) const;
+  [[nodiscard]] bool _createDefaultSearchesIfNeeded(const NSManagedObjectContextPtr& context, NSErrorPtr* error) const;
+  [[nodiscard]] bool _createDefaultObjects(const Array& metadata, const std::string& entityName,
+                                           const std::string& identityKey, const NSManagedObjectContextPtr& context,
+                                           NSErrorPtr* error) const;
 };

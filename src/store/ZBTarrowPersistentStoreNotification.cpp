@@ -1,5 +1,7 @@
 #include "store/ZBTarrowPersistentStoreNotification.h"
 
+#include <mutex>
+
 #include "platform/archive/NSKeyedArchiver.h"
 #include "platform/archive/NSKeyedUnarchiver.h"
 
@@ -13,7 +15,7 @@ std::shared_ptr<NSObject> decode(NSKeyedUnarchiver& coder, NSErrorPtr*) {
   Value name = coder.decodeObjectOfClasses({"NSString"}, kNameKey);
   Value userInfo = coder.decodeObjectOfClasses({"NSDictionary", "NSArray", "NSString"}, kUserInfoKey);
   if (coder.error()) return nullptr;
-  return std::make_shared<ZBTarrowPersistentStoreNotification>(name.asString(), userInfo.asDictionary());
+  return ZBTarrowPersistentStoreNotification::notificationWithName(name.asString(), userInfo.asDictionary());
 }
 
 void registerClass() {
@@ -23,31 +25,31 @@ void registerClass() {
 
 }  // namespace
 
-ZBTarrowPersistentStoreNotification::ZBTarrowPersistentStoreNotification(std::string name, Dictionary userInfo)
+ZBTarrowPersistentStoreNotification::ZBTarrowPersistentStoreNotification(Passkey, std::string name, Dictionary userInfo)
     : _name(std::move(name)), _userInfo(std::move(userInfo)) {}
 
 std::shared_ptr<ZBTarrowPersistentStoreNotification> ZBTarrowPersistentStoreNotification::notificationWithName(
     std::string name, Dictionary userInfo) {
-  return std::make_shared<ZBTarrowPersistentStoreNotification>(std::move(name), std::move(userInfo));
+  return std::make_shared<ZBTarrowPersistentStoreNotification>(Passkey(), std::move(name), std::move(userInfo));
 }
 
 std::string ZBTarrowPersistentStoreNotification::name() const {
-  std::lock_guard guard(_lock);
+  ZBMutexLock hold(_lock);
   return _name;
 }
 
 void ZBTarrowPersistentStoreNotification::setName(std::string name) {
-  std::lock_guard guard(_lock);
+  ZBMutexLock hold(_lock);
   _name = std::move(name);
 }
 
 Dictionary ZBTarrowPersistentStoreNotification::userInfo() const {
-  std::lock_guard guard(_lock);
+  ZBMutexLock hold(_lock);
   return _userInfo;
 }
 
 void ZBTarrowPersistentStoreNotification::setUserInfo(Dictionary userInfo) {
-  std::lock_guard guard(_lock);
+  ZBMutexLock hold(_lock);
   _userInfo = std::move(userInfo);
 }
 

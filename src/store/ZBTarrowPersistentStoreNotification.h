@@ -17,19 +17,23 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "platform/archive/NSCoding.h"
 #include "platform/foundation/NSObject.h"
 #include "platform/foundation/Value.h"
+#include "platform/foundation/ZBMutex.h"
 
 // A request identifier the application may use when it exchanges these
 // notifications; the library does not read it.
 inline constexpr std::int64_t ZBTArrowPersistentStoreNotificationRequestIdentifier = 1;
 
 class ZBTarrowPersistentStoreNotification final : public NSObject, public NSCoding {
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
 public:
   static std::shared_ptr<ZBTarrowPersistentStoreNotification> notificationWithName(std::string name,
                                                                                    Dictionary userInfo);
@@ -42,7 +46,7 @@ public:
   void setUserInfo(Dictionary userInfo);
 
   // The keyed archive of the receiver; nullopt when it cannot be archived.
-  std::optional<Data> archive() const;
+  [[nodiscard]] std::optional<Data> archive() const;
   // The notification held by data; null for anything else (damaged bytes, an
   // archive of another class, values of the wrong kinds).
   static std::shared_ptr<ZBTarrowPersistentStoreNotification> unarchive(const Data& data);
@@ -50,12 +54,13 @@ public:
   void encodeWithCoder(NSKeyedArchiver& coder) const override;
   std::string className() const override { return "ZBTarrowPersistentStoreNotification"; }
 
-  ZBTarrowPersistentStoreNotification(std::string name, Dictionary userInfo);
+  // For notificationWithName only (archive needs the object in a shared_ptr).
+  ZBTarrowPersistentStoreNotification(Passkey, std::string name, Dictionary userInfo);
 
 private:
-  mutable std::mutex _lock;
-  std::string _name;     // guarded by _lock
-  Dictionary _userInfo;  // guarded by _lock
+  mutable ZBMutex _lock;
+  std::string _name ZB_GUARDED_BY(_lock);
+  Dictionary _userInfo ZB_GUARDED_BY(_lock);
 };
 
 using ZBTarrowPersistentStoreNotificationPtr = std::shared_ptr<ZBTarrowPersistentStoreNotification>;

@@ -405,15 +405,27 @@ TEST(ZBTarrowDataStoreBackupGenerator, RestoringAgainReplacesByIdentifierAndNeve
   EXPECT_EQ(collections.size(), builtInCollections + 6);
   EXPECT_EQ(collections["TWIN"].values[ZBTarrowCollectionTitleKey], Value("Second"));
 
-  // An entry without an identifier matches the item without one.
+  // Entries without an identifier match nothing: each becomes an item of its
+  // own and keeps the identifier it was given.
   twin.remove(ZBTarrowCollectionIdentifierKey);
+  Array nameless;
   for (const char* title : {"Nameless", "Still nameless"}) {
     twin.set(ZBTarrowCollectionTitleKey, Value(title));
-    ASSERT_TRUE(store.restore(xmlData(Value(Dictionary{{kCollections, Value(Array{Value(twin)})}}))));
-    collections = store.collections();
-    EXPECT_EQ(collections.size(), builtInCollections + 7);
-    EXPECT_EQ(collections[""].values[ZBTarrowCollectionTitleKey], Value(title));
+    nameless.push_back(Value(twin));
   }
+  Dictionary search = document[kSearches].asArray().at(0).asDictionary();
+  search.remove(ZBTarrowSearchIdentifierKey);
+  ASSERT_TRUE(store.restore(xmlData(
+      Value(Dictionary{{kCollections, Value(nameless)}, {kSearches, Value(Array{Value(search), Value(search)})}}))));
+  collections = store.collections();
+  Items searches = store.searches();
+  EXPECT_EQ(collections.size(), builtInCollections + 8);
+  EXPECT_EQ(searches.size(), builtInSearches + 4);
+  EXPECT_FALSE(collections.contains("") || searches.contains(""));
+  std::multiset<std::string> titles;
+  for (const auto& [identifier, item] : collections) titles.insert(item.values[ZBTarrowCollectionTitleKey].asString());
+  EXPECT_EQ(titles.count("Nameless"), 1u);
+  EXPECT_EQ(titles.count("Still nameless"), 1u);
 }
 
 TEST(ZBTarrowDataStoreBackupGenerator, OtherVersionsAndDamagedPredicatesRestoreWhatTheyCan) {

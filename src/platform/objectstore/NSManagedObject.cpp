@@ -4,7 +4,9 @@
 #include <stdexcept>
 
 #include "platform/objectstore/NSManagedObjectContext.h"
+#include "platform/objectstore/impl/ZBManagedObjectContextImpl.h"
 #include "platform/objectstore/impl/ZBStoreTypes.h"
+#include "platform/objectstore/impl/ZBValidationErrors.h"
 
 std::shared_ptr<NSManagedObject> NSEntityDescription::makeObject() const {
   if (_factory) {
@@ -154,7 +156,7 @@ void NSManagedObject::_fireFault() const {
   auto context = _context.lock();
   ZBRowSnapshot row;
   bool found = false;
-  if (context && context->_loadRow(_objectID, &row, &found, nullptr) && found) {
+  if (context && context->_impl->_loadRow(_objectID, &row, &found, nullptr) && found) {
     self->_fill(row);
     self->awakeFromFetch();
     return;
@@ -197,7 +199,9 @@ const std::unordered_set<NSManagedObjectIDPtr>& NSManagedObject::_toManyIDs(std:
   auto& toMany = *state.toMany;
   if (!toMany.loaded) {
     std::vector<NSManagedObjectIDPtr> stored;
-    if (auto context = _context.lock()) context->_loadRelationship(_objectID, relationship, &stored, nullptr);
+    // A relationship that cannot be loaded reads as empty.
+    if (auto context = _context.lock())
+      (void)context->_impl->_loadRelationship(_objectID, relationship, &stored, nullptr);
     toMany.members.clear();
     toMany.members.insert(stored.begin(), stored.end());
     for (auto& id : toMany.removed) toMany.members.erase(id);
@@ -235,30 +239,67 @@ void NSManagedObject::setValueForKey(const Value& value, const std::string& key)
     NSObject::setValueForKey(value, key);
     return;
   }
-  if (property->isRelationship()) {
-    _setRelationship(static_cast<const NSRelationshipDescription&>(*property), value, true);
-    return;
-  }
-  auto coerced = static_cast<const NSAttributeDescription&>(*property).coercedValue(value);
-  if (!coerced) {
-    throw std::logic_error("value " + value.description() + " does not fit " + _entity->name() + "." + key);
-  }
-  willChangeValueForKey(key);
-  _setAttribute(property->index(), std::move(*coerced));
-  didChangeValueForKey(key);
+  _setProperty(*property, value, true);
 }
 
 void NSManagedObject::setPrimitiveValueForKey(const Value& value, const std::string& key) {
-  auto& property = _property(key);
+  _setProperty(_property(key), value, false);
+}
+
+void NSManagedObject::_setProperty(const NSPropertyDescription& property, const Value& value, bool observed) {
+  auto accepted = _acceptedValue(property, value);
+  if (!accepted) return;
   if (property.isRelationship()) {
-    _setRelationship(static_cast<const NSRelationshipDescription&>(property), value, false);
+    _setRelationship(static_cast<const NSRelationshipDescription&>(property), *accepted, observed);
     return;
   }
-  auto coerced = static_cast<const NSAttributeDescription&>(property).coercedValue(value);
-  if (!coerced) {
-    throw std::logic_error("value " + value.description() + " does not fit " + _entity->name() + "." + key);
+  if (observed) willChangeValueForKey(property.name());
+  _setAttribute(property.index(), std::move(*accepted));
+  if (observed) didChangeValueForKey(property.name());
+}
+
+namespace {
+
+bool isObjectOf(const Value& value, const NSRelationshipDescription& relationship) {
+  auto object = value.as<NSManagedObject>();
+  return object && object->entity() && object->entity()->name() == relationship.destinationEntityName();
+}
+
+}  // namespace
+
+std::optional<Value> NSManagedObject::_acceptedValue(const NSPropertyDescription& property, const Value& value) const {
+  if (!property.isRelationship()) return static_cast<const NSAttributeDescription&>(property).coercedValue(value);
+  auto& relationship = static_cast<const NSRelationshipDescription&>(property);
+  if (value.isAbsent() || value.isNull()) return value;
+  if (!relationship.isToMany()) return isObjectOf(value, relationship) ? std::optional<Value>(value) : std::nullopt;
+  if (!value.isCollection()) return std::nullopt;
+  for (const auto& element : value.collectionElements()) {
+    if (!isObjectOf(element, relationship)) return std::nullopt;
   }
-  _setAttribute(property.index(), std::move(*coerced));
+  return value;
+}
+
+bool NSManagedObject::validateValueForKey(const Value& value, const std::string& key, NSErrorPtr* error) const {
+  auto& property = _property(key);
+  if (_acceptedValue(property, value)) return true;
+  auto self =
+      std::const_pointer_cast<NSManagedObject>(std::static_pointer_cast<const NSManagedObject>(shared_from_this()));
+  return ZBSetError(error, ZBValidationError(NSManagedObjectValidationError, self, key,
+                                             "“" + key + "” cannot take the value " + value.description() + "."));
+}
+
+bool NSManagedObject::setValuesForKeysWithDictionary(const Dictionary& values, NSErrorPtr* error) {
+  for (const auto& entry : values) _property(entry.first);  // an unknown key throws before anything changes
+  std::vector<NSErrorPtr> skipped;
+  for (const auto& [key, value] : values) {
+    NSErrorPtr refusal;
+    if (validateValueForKey(value, key, &refusal)) {
+      setValueForKey(value, key);
+    } else {
+      skipped.push_back(std::move(refusal));
+    }
+  }
+  return ZBReportValidationErrors(skipped, error);
 }
 
 void NSManagedObject::_setAttribute(std::size_t index, Value value) {
@@ -266,7 +307,7 @@ void NSManagedObject::_setAttribute(std::size_t index, Value value) {
   Value& current = _values[index];
   if (current.type() == value.type() && current.isEqual(value)) return;
   auto context = _context.lock();
-  if (context) context->_attributeWillChange(*this, index, current, value);
+  if (context) context->_impl->_attributeWillChange(*this, index, current, value);
   if (!_state.inserted) {
     auto original = std::find_if(_originals.begin(), _originals.end(), [&](auto& entry) { return entry.first == index; });
     if (original == _originals.end()) {
@@ -276,7 +317,7 @@ void NSManagedObject::_setAttribute(std::size_t index, Value value) {
     }
   }
   current = std::move(value);
-  if (context) context->_objectDidChange(*this);
+  if (context) context->_impl->_objectDidChange(*this);
 }
 
 void NSManagedObject::_setToOneID(std::size_t relationship, NSManagedObjectIDPtr target) {
@@ -294,6 +335,13 @@ void NSManagedObject::_setToOneID(std::size_t relationship, NSManagedObjectIDPtr
   }
   state.target = std::move(target);
   _noteChanged();
+}
+
+void NSManagedObject::_setToOneIDNotifying(std::size_t relationship, NSManagedObjectIDPtr target) {
+  const std::string& key = _entity->relationships()[relationship]->name();
+  willChangeValueForKey(key);
+  _setToOneID(relationship, std::move(target));
+  didChangeValueForKey(key);
 }
 
 void NSManagedObject::_addToManyID(std::size_t relationship, const NSManagedObjectIDPtr& member) {
@@ -328,7 +376,7 @@ void NSManagedObject::_removeToManyID(std::size_t relationship, const NSManagedO
 }
 
 void NSManagedObject::_noteChanged() {
-  if (auto context = _context.lock()) context->_objectDidChange(*this);
+  if (auto context = _context.lock()) context->_impl->_objectDidChange(*this);
 }
 
 void NSManagedObject::_changeToManyMember(const NSRelationshipDescription& relationship,
@@ -341,24 +389,6 @@ void NSManagedObject::_changeToManyMember(const NSRelationshipDescription& relat
   }
   if (notify) didChangeValueForKey(relationship.name());
 }
-
-namespace {
-
-std::shared_ptr<NSManagedObject> managedObjectFromValue(const Value& value, const NSRelationshipDescription& relationship) {
-  if (value.isAbsent() || value.isNull()) return nullptr;
-  auto object = value.as<NSManagedObject>();
-  if (!object) {
-    throw std::logic_error("value " + value.description() + " is not a managed object for relationship '" +
-                           relationship.name() + "'");
-  }
-  if (object->entity()->name() != relationship.destinationEntityName()) {
-    throw std::logic_error("an object of " + object->entity()->name() + " cannot be put in relationship '" +
-                           relationship.name() + "' to " + relationship.destinationEntityName());
-  }
-  return object;
-}
-
-}  // namespace
 
 void NSManagedObject::_setRelationship(const NSRelationshipDescription& relationship, const Value& value,
                                        bool maintainInverse) {
@@ -378,33 +408,25 @@ void NSManagedObject::_setRelationship(const NSRelationshipDescription& relation
         if (relationship.isToMany()) {
           old->_changeToManyMember(relationship, other, false, true);
         } else {
-          old->willChangeValueForKey(relationship.name());
-          old->_setToOneID(index, nullptr);
-          old->didChangeValueForKey(relationship.name());
+          old->_setToOneIDNotifying(index, nullptr);
         }
       }
     }
-    other->willChangeValueForKey(inverse->name());
-    other->_setToOneID(inverse->index(), target ? target->objectID() : nullptr);
-    other->didChangeValueForKey(inverse->name());
+    other->_setToOneIDNotifying(inverse->index(), target ? target->objectID() : nullptr);
   };
 
   if (!relationship.isToMany()) {
-    auto target = managedObjectFromValue(value, relationship);
+    auto target = value.as<NSManagedObject>();
     auto& current = _relationships[index].target;
     if ((target ? target->objectID() : nullptr) == current) return;
     auto previous = inverse ? _objectForID(current) : nullptr;
-    willChangeValueForKey(relationship.name());
-    _setToOneID(index, target ? target->objectID() : nullptr);
-    didChangeValueForKey(relationship.name());
+    _setToOneIDNotifying(index, target ? target->objectID() : nullptr);
     if (!inverse) return;
     if (previous) {
       if (inverse->isToMany()) {
         previous->_changeToManyMember(*inverse, self, false, true);
       } else {
-        previous->willChangeValueForKey(inverse->name());
-        previous->_setToOneID(inverse->index(), nullptr);
-        previous->didChangeValueForKey(inverse->name());
+        previous->_setToOneIDNotifying(inverse->index(), nullptr);
       }
     }
     if (target) {
@@ -421,13 +443,7 @@ void NSManagedObject::_setRelationship(const NSRelationshipDescription& relation
 
   // To-many: replace the whole set.
   std::vector<std::shared_ptr<NSManagedObject>> wanted;
-  if (!value.isAbsent() && !value.isNull()) {
-    if (!value.isCollection()) {
-      throw std::logic_error("relationship '" + relationship.name() + "' needs a set of objects, not " +
-                             value.description());
-    }
-    for (auto& element : value.collectionElements()) wanted.push_back(managedObjectFromValue(element, relationship));
-  }
+  for (auto& element : value.collectionElements()) wanted.push_back(element.as<NSManagedObject>());
   std::unordered_set<NSManagedObjectIDPtr> wantedIDs;
   for (auto& object : wanted) wantedIDs.insert(object->objectID());
   const auto& current = _toManyIDs(index);
@@ -451,9 +467,7 @@ void NSManagedObject::_setRelationship(const NSRelationshipDescription& relation
     if (inverse->isToMany()) {
       other->_changeToManyMember(*inverse, self, false, true);
     } else if (other->_relationships[inverse->index()].target == _objectID) {
-      other->willChangeValueForKey(inverse->name());
-      other->_setToOneID(inverse->index(), nullptr);
-      other->didChangeValueForKey(inverse->name());
+      other->_setToOneIDNotifying(inverse->index(), nullptr);
     }
   }
   for (auto& other : added) {
@@ -472,7 +486,10 @@ void NSManagedObject::addObjectToRelationship(const std::shared_ptr<NSManagedObj
     throw std::logic_error("'" + key + "' is not a to-many relationship of " + _entity->name());
   }
   auto& relationship = static_cast<const NSRelationshipDescription&>(property);
-  managedObjectFromValue(Value(object), relationship);
+  if (!isObjectOf(Value(object), relationship)) {
+    throw std::logic_error("an object of another entity cannot be put in relationship '" + key + "' to " +
+                           relationship.destinationEntityName());
+  }
   Set members;
   for (auto& id : _toManyIDs(property.index())) {
     if (id == object->objectID()) return;
@@ -559,28 +576,6 @@ Dictionary NSManagedObject::committedValuesForKeys(const std::vector<std::string
   return committed;
 }
 
-namespace {
-
-NSErrorPtr validationError(std::int64_t code, const std::shared_ptr<NSManagedObject>& object, const std::string& key,
-                           const std::string& description) {
-  Dictionary info{{NSLocalizedDescriptionKey, Value(description)},
-                  {NSValidationObjectErrorKey, Value(object)},
-                  {NSValidationKeyErrorKey, Value(key)}};
-  return NSError::create(NSCocoaErrorDomain, code, std::move(info));
-}
-
-bool reportValidation(std::vector<NSErrorPtr>& errors, NSErrorPtr* error) {
-  if (errors.empty()) return true;
-  if (errors.size() == 1) return ZBSetError(error, errors.front());
-  Array detailed;
-  for (auto& e : errors) detailed.push_back(Value(std::const_pointer_cast<NSError>(e)));
-  return ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSValidationMultipleErrorsError,
-                                           Dictionary{{NSLocalizedDescriptionKey, Value("Multiple validation errors occurred.")},
-                                                      {NSDetailedErrorsKey, Value(std::move(detailed))}}));
-}
-
-}  // namespace
-
 bool NSManagedObject::validateForInsert(NSErrorPtr* error) {
   _fireFault();
   auto self = std::static_pointer_cast<NSManagedObject>(shared_from_this());
@@ -588,8 +583,8 @@ bool NSManagedObject::validateForInsert(NSErrorPtr* error) {
   auto& attributes = _entity->attributes();
   for (std::size_t i = 0; i < attributes.size(); ++i) {
     if (!attributes[i]->isOptional() && (_values[i].isAbsent() || _values[i].isNull())) {
-      errors.push_back(validationError(NSValidationMissingMandatoryPropertyError, self, attributes[i]->name(),
-                                       "“" + attributes[i]->name() + "” is a required value."));
+      errors.push_back(ZBValidationError(NSValidationMissingMandatoryPropertyError, self, attributes[i]->name(),
+                                         "“" + attributes[i]->name() + "” is a required value."));
     }
   }
   auto& relationships = _entity->relationships();
@@ -597,13 +592,13 @@ bool NSManagedObject::validateForInsert(NSErrorPtr* error) {
     if (relationships[i]->isOptional()) continue;
     bool missing = relationships[i]->isToMany() ? _toManyIDs(i).empty() : !_relationships[i].target;
     if (missing) {
-      errors.push_back(validationError(relationships[i]->isToMany() ? NSValidationRelationshipLacksMinimumCountError
-                                                                    : NSValidationMissingMandatoryPropertyError,
-                                       self, relationships[i]->name(),
-                                       "“" + relationships[i]->name() + "” is a required value."));
+      errors.push_back(ZBValidationError(relationships[i]->isToMany() ? NSValidationRelationshipLacksMinimumCountError
+                                                                      : NSValidationMissingMandatoryPropertyError,
+                                         self, relationships[i]->name(),
+                                         "“" + relationships[i]->name() + "” is a required value."));
     }
   }
-  return reportValidation(errors, error);
+  return ZBReportValidationErrors(errors, error);
 }
 
 bool NSManagedObject::validateForUpdate(NSErrorPtr* error) { return NSManagedObject::validateForInsert(error); }
@@ -626,11 +621,11 @@ bool NSManagedObject::validateForDelete(NSErrorPtr* error) {
       hasDestination = _relationships[i].target && alive(_relationships[i].target);
     }
     if (hasDestination) {
-      errors.push_back(validationError(NSValidationRelationshipDeniedDeleteError, self, relationships[i]->name(),
-                                       "“" + relationships[i]->name() + "” still refers to objects."));
+      errors.push_back(ZBValidationError(NSValidationRelationshipDeniedDeleteError, self, relationships[i]->name(),
+                                         "“" + relationships[i]->name() + "” still refers to objects."));
     }
   }
-  return reportValidation(errors, error);
+  return ZBReportValidationErrors(errors, error);
 }
 
 std::string NSManagedObject::description() const {

@@ -4,10 +4,10 @@
 // Values are read and written by key: valueForKey/setValueForKey notify
 // key-value observers and record the change; the primitive accessors do
 // neither notification nor inverse maintenance. Attributes hold Values of
-// the attribute's type (numbers are converted; a value of the wrong kind is
-// a programming error: std::logic_error). A to-one relationship reads as the
-// destination object (absent for nil); a to-many relationship reads as a Set
-// of objects. Changing one side of a relationship changes its inverse.
+// the attribute's type (numbers are converted). A to-one relationship reads
+// as the destination object (absent for nil); a to-many relationship reads as
+// a Set of objects. Changing one side of a relationship changes its inverse.
+// A value of the wrong kind is refused, not thrown: see setValueForKey.
 //
 // An object that has not loaded its values yet is a fault: the first access
 // to a property loads them from beneath its context. To-many relationships
@@ -23,6 +23,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -56,13 +57,30 @@ public:
   bool hasChanges() const;
 
   // Key-value coding over the entity's properties; an unknown key is passed
-  // to NSObject (which throws std::logic_error).
+  // to NSObject (which throws std::logic_error). A value that does not fit
+  // the property (see validateValueForKey) is refused: the object stays as
+  // it was and no observer hears of it. Callers holding outside data check
+  // first, or use setValuesForKeysWithDictionary, which says what it skipped.
   Value valueForKey(const std::string& key) const override;
   void setValueForKey(const Value& value, const std::string& key) override;
   // Without notification, change recording stays (a primitive set is still
-  // saved), inverses are not maintained.
+  // saved), inverses are not maintained. Refuses what setValueForKey does.
   Value primitiveValueForKey(const std::string& key) const;
   void setPrimitiveValueForKey(const Value& value, const std::string& key);
+
+  // Whether setValueForKey would take value for key: absent and null always
+  // fit; otherwise an attribute takes a value of its type (numbers of any
+  // kind for numbers and Booleans), a to-one relationship an object of its
+  // destination entity, a to-many one an array or set of such objects. False
+  // and *error (NSManagedObjectValidationError naming this object and the
+  // key) when it does not fit. An unknown key throws std::logic_error.
+  [[nodiscard]] bool validateValueForKey(const Value& value, const std::string& key, NSErrorPtr* error = nullptr) const;
+  // Sets each entry with setValueForKey. Every key must name a property of
+  // the entity: an unknown key throws std::logic_error before anything is
+  // set. Entries whose value does not fit are skipped and the others set;
+  // the result is then false and *error holds each refusal (one validation
+  // error, or NSValidationMultipleErrorsError with NSDetailedErrorsKey).
+  bool setValuesForKeysWithDictionary(const Dictionary& values, NSErrorPtr* error = nullptr);
 
   // To-many relationships, one member at a time (inverses maintained,
   // observers notified).
@@ -86,9 +104,9 @@ public:
   // Validation before a save. The base checks that every required property
   // is present: NSValidationMissingMandatoryPropertyError in
   // NSCocoaErrorDomain, naming the object and key in the user info.
-  virtual bool validateForInsert(NSErrorPtr* error);
-  virtual bool validateForUpdate(NSErrorPtr* error);
-  virtual bool validateForDelete(NSErrorPtr* error);
+  [[nodiscard]] virtual bool validateForInsert(NSErrorPtr* error);
+  [[nodiscard]] virtual bool validateForUpdate(NSErrorPtr* error);
+  [[nodiscard]] virtual bool validateForDelete(NSErrorPtr* error);
   virtual void willSave() {}
   virtual void didSave() {}
 
@@ -151,6 +169,8 @@ public:
   const std::unordered_set<NSManagedObjectIDPtr>& _toManyIDs(std::size_t relationship) const;
   // Raw relationship changes used by inverse maintenance and merges.
   void _setToOneID(std::size_t relationship, NSManagedObjectIDPtr target);
+  // _setToOneID between the will- and did-change notifications of its key.
+  void _setToOneIDNotifying(std::size_t relationship, NSManagedObjectIDPtr target);
   void _addToManyID(std::size_t relationship, const NSManagedObjectIDPtr& member);
   void _removeToManyID(std::size_t relationship, const NSManagedObjectIDPtr& member);
   void _setAttribute(std::size_t index, Value value);
@@ -160,6 +180,12 @@ public:
 private:
   std::shared_ptr<NSManagedObjectContext> _contextOrNull() const { return _context.lock(); }
   std::shared_ptr<NSManagedObject> _objectForID(const NSManagedObjectIDPtr& objectID) const;
+  // value as the property stores it (an attribute's value converted to its
+  // type); nullopt when it does not fit.
+  std::optional<Value> _acceptedValue(const NSPropertyDescription& property, const Value& value) const;
+  // Sets value if it fits (else does nothing); observed: notified and with
+  // inverses maintained, else a primitive set.
+  void _setProperty(const NSPropertyDescription& property, const Value& value, bool observed);
   void _setRelationship(const NSRelationshipDescription& relationship, const Value& value, bool maintainInverse);
   void _changeToManyMember(const NSRelationshipDescription& relationship, const std::shared_ptr<NSManagedObject>& other,
                            bool add, bool notify);

@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "platform/objectstore/NSManagedObjectContext.h"
+#include "platform/objectstore/impl/ZBManagedObjectContextImpl.h"
 #include "platform/objectstore/impl/ZBPendingChanges.h"
 #include "platform/objectstore/impl/ZBSQLiteStore.h"
 
@@ -33,6 +34,25 @@ std::unordered_set<std::int64_t> storedKeysOf(const ZBExclusionChain& chain, con
   return keys;
 }
 
+// The pending objects of group that the plan matches, except deleted ones
+// and those a level above stands in for.
+std::vector<NSManagedObject*> pendingMatches(ZBPendingChanges& pending, const ZBPendingChanges::EntityChanges& group,
+                                             const ZBFetchPlan& plan, const ZBExclusionChain& chain) {
+  std::vector<NSManagedObject*> candidates;
+  if (plan.equality) {
+    candidates = pending.lookup(plan.entity.get(), plan.equality->first, plan.equality->second);
+  } else {
+    candidates.assign(group.objects.begin(), group.objects.end());
+  }
+  std::erase_if(candidates, [&](NSManagedObject* object) {
+    if (object->isDeleted() || excludedByChain(chain, object->objectID().get())) return true;
+    object->_fireFault();
+    return plan.predicate && !plan.predicate->evaluateWithObject(
+                                 Value(std::static_pointer_cast<NSManagedObject>(object->shared_from_this())));
+  });
+  return candidates;
+}
+
 Value projected(const NSManagedObject& object, const NSPropertyDescription& property) {
   if (!property.isRelationship()) return object._attributeValues()[property.index()];
   auto& target = object._relationshipStates()[property.index()].target;
@@ -41,7 +61,7 @@ Value projected(const NSManagedObject& object, const NSPropertyDescription& prop
 
 }  // namespace
 
-bool NSManagedObjectContext::_planFetch(const NSFetchRequest& request, ZBFetchPlan* plan, NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::_planFetch(const NSFetchRequest& request, ZBFetchPlan* plan, NSErrorPtr* error) {
   auto entity = _entityNamed(request.entityName(), error);
   if (!entity) return false;
   auto coordinator = persistentStoreCoordinator();
@@ -51,23 +71,11 @@ bool NSManagedObjectContext::_planFetch(const NSFetchRequest& request, ZBFetchPl
   });
 }
 
-bool NSManagedObjectContext::_pendingRows(const ZBFetchPlan& plan, const ZBExclusionChain& chain,
-                                          std::vector<ZBRowSnapshot>* rows, std::vector<Value>* values) {
+bool NSManagedObjectContext::Impl::_pendingRows(const ZBFetchPlan& plan, const ZBExclusionChain& chain,
+                                                std::vector<ZBRowSnapshot>* rows, std::vector<Value>* values) {
   auto* group = _pending->forEntity(plan.entity.get());
   if (!group) return false;
-  std::vector<NSManagedObject*> candidates;
-  if (plan.equality) {
-    candidates = _pending->lookup(plan.entity.get(), plan.equality->first, plan.equality->second);
-  } else {
-    candidates.assign(group->objects.begin(), group->objects.end());
-  }
-  for (auto* object : candidates) {
-    if (object->isDeleted() || excludedByChain(chain, object->objectID().get())) continue;
-    object->_fireFault();
-    if (plan.predicate &&
-        !plan.predicate->evaluateWithObject(Value(std::static_pointer_cast<NSManagedObject>(object->shared_from_this())))) {
-      continue;
-    }
+  for (auto* object : pendingMatches(*_pending, *group, plan, chain)) {
     if (plan.propertiesMode) {
       for (auto* property : plan.properties) values->push_back(projected(*object, *property));
     } else {
@@ -77,9 +85,9 @@ bool NSManagedObjectContext::_pendingRows(const ZBFetchPlan& plan, const ZBExclu
   return true;
 }
 
-bool NSManagedObjectContext::_collectRows(const ZBFetchPlan& plan, ZBExclusionChain& chain,
-                                          std::vector<ZBRowSnapshot>* rows, std::vector<Value>* values, bool* overlaid,
-                                          NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::_collectRows(const ZBFetchPlan& plan, ZBExclusionChain& chain,
+                                                std::vector<ZBRowSnapshot>* rows, std::vector<Value>* values,
+                                                bool* overlaid, NSErrorPtr* error) {
   bool own = _pending->forEntity(plan.entity.get()) != nullptr && plan.requesterWithoutPending != this;
   if (own) {
     *overlaid = true;
@@ -87,7 +95,8 @@ bool NSManagedObjectContext::_collectRows(const ZBFetchPlan& plan, ZBExclusionCh
   }
   bool ok = true;
   if (_parent) {
-    _parent->performBlockAndWait([&] { ok = _parent->_collectRows(plan, chain, rows, values, overlaid, error); });
+    _parent->performBlockAndWait(
+        [&] { ok = _parent->_impl->_collectRows(plan, chain, rows, values, overlaid, error); });
   } else if (!_coordinator) {
     ok = ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSPersistentStoreOperationError,
                                            "The context has no persistent store coordinator."));
@@ -133,18 +142,19 @@ bool NSManagedObjectContext::_collectRows(const ZBFetchPlan& plan, ZBExclusionCh
   return true;
 }
 
-std::optional<std::int64_t> NSManagedObjectContext::_countRows(const ZBFetchPlan& plan, ZBExclusionChain& chain,
-                                                               NSErrorPtr* error) {
+std::optional<std::int64_t> NSManagedObjectContext::Impl::_countRows(const ZBFetchPlan& plan, ZBExclusionChain& chain,
+                                                                     NSErrorPtr* error) {
   auto* group = plan.requesterWithoutPending == this ? nullptr : _pending->forEntity(plan.entity.get());
   if (group) chain.push_back(_pending.get());
   std::optional<std::int64_t> below;
   if (_parent) {
-    _parent->performBlockAndWait([&] { below = _parent->_countRows(plan, chain, error); });
+    _parent->performBlockAndWait([&] { below = _parent->_impl->_countRows(plan, chain, error); });
   } else if (!_coordinator) {
     ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSPersistentStoreOperationError,
                                       "The context has no persistent store coordinator."));
   } else {
-    _coordinator->_withStore(plan.entity.get(), error, [&](ZBSQLiteStore& store) {
+    // On failure below stays empty, and *error says why.
+    (void)_coordinator->_withStore(plan.entity.get(), error, [&](ZBSQLiteStore& store) {
       ZBStoreQuery query = plan.query;
       query.limit = 0;
       auto total = store.count(query, error, true);
@@ -178,25 +188,10 @@ std::optional<std::int64_t> NSManagedObjectContext::_countRows(const ZBFetchPlan
   }
   if (group) chain.pop_back();
   if (!below || !group) return below;
-  std::vector<NSManagedObject*> candidates;
-  if (plan.equality) {
-    candidates = _pending->lookup(plan.entity.get(), plan.equality->first, plan.equality->second);
-  } else {
-    candidates.assign(group->objects.begin(), group->objects.end());
-  }
-  std::int64_t mine = 0;
-  for (auto* object : candidates) {
-    if (object->isDeleted() || excludedByChain(chain, object->objectID().get())) continue;
-    object->_fireFault();
-    if (!plan.predicate ||
-        plan.predicate->evaluateWithObject(Value(std::static_pointer_cast<NSManagedObject>(object->shared_from_this())))) {
-      ++mine;
-    }
-  }
-  return *below + mine;
+  return *below + static_cast<std::int64_t>(pendingMatches(*_pending, *group, plan, chain).size());
 }
 
-std::optional<Array> NSManagedObjectContext::_fetchObjects(const ZBFetchPlan& plan, NSErrorPtr* error) {
+std::optional<Array> NSManagedObjectContext::Impl::_fetchObjects(const ZBFetchPlan& plan, NSErrorPtr* error) {
   std::vector<ZBRowSnapshot> rows;
   bool overlaid = false;
   ZBExclusionChain chain;
@@ -216,7 +211,8 @@ std::optional<Array> NSManagedObjectContext::_fetchObjects(const ZBFetchPlan& pl
   return objects;
 }
 
-std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRequest& request, NSErrorPtr* error) {
+std::optional<Array> NSManagedObjectContext::Impl::executeFetchRequest(const NSFetchRequest& request,
+                                                                       NSErrorPtr* error) {
   ZBContextQueueAccess access(*_queue);
   if (request.resultType() == NSCountResultType) {
     std::int64_t count = countForFetchRequest(request, error);
@@ -316,7 +312,7 @@ std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRe
   return result;
 }
 
-std::int64_t NSManagedObjectContext::countForFetchRequest(const NSFetchRequest& request, NSErrorPtr* error) {
+std::int64_t NSManagedObjectContext::Impl::countForFetchRequest(const NSFetchRequest& request, NSErrorPtr* error) {
   ZBContextQueueAccess access(*_queue);
   ZBFetchPlan plan;
   if (!_planFetch(request, &plan, error)) return NSNotFound;

@@ -4,9 +4,11 @@
 #include <stdexcept>
 
 #include "platform/objectstore/impl/ZBFetchPlanner.h"
+#include "platform/objectstore/impl/ZBManagedObjectContextImpl.h"
 #include "platform/objectstore/impl/ZBObjectIDRegistry.h"
 #include "platform/objectstore/impl/ZBPendingChanges.h"
 #include "platform/objectstore/impl/ZBSQLiteStore.h"
+#include "platform/objectstore/impl/ZBValidationErrors.h"
 #include "platform/operations/NSRunLoop.h"
 #include "platform/predicate/NSComparisonPredicate.h"
 #include "platform/predicate/NSCompoundPredicate.h"
@@ -30,20 +32,91 @@ NSErrorPtr contextError(std::int64_t code, const std::string& description) {
 }  // namespace
 
 std::shared_ptr<NSManagedObjectContext> NSManagedObjectContext::create(NSManagedObjectContextConcurrencyType type) {
-  auto context = std::make_shared<NSManagedObjectContext>(type);
+  auto context = std::make_shared<NSManagedObjectContext>(Passkey(), type);
   if (type == NSMainQueueConcurrencyType) {
     std::weak_ptr<NSManagedObjectContext> weak = context;
-    context->_turnObserver = NSRunLoop::mainRunLoop()->addTurnObserver([weak] {
+    context->_impl->_turnObserver = NSRunLoop::mainRunLoop()->addTurnObserver([weak] {
       if (auto strong = weak.lock()) strong->processPendingChanges();
     });
   }
   return context;
 }
 
-NSManagedObjectContext::NSManagedObjectContext(NSManagedObjectContextConcurrencyType type)
-    : _queue(ZBContextQueue::create(type)), _pending(std::make_unique<ZBPendingChanges>()) {}
+NSManagedObjectContext::NSManagedObjectContext(Passkey, NSManagedObjectContextConcurrencyType type)
+    : _impl(std::make_unique<Impl>(*this, type)) {}
 
-NSManagedObjectContext::~NSManagedObjectContext() {
+NSManagedObjectContext::~NSManagedObjectContext() = default;
+
+// --- The public face: each call goes to the implementation. ---
+
+NSManagedObjectContextConcurrencyType NSManagedObjectContext::concurrencyType() const { return _impl->_queue->type(); }
+void NSManagedObjectContext::performBlock(std::function<void()> block) { _impl->_queue->async(std::move(block)); }
+void NSManagedObjectContext::performBlockAndWait(const std::function<void()>& block) { _impl->_queue->sync(block); }
+std::shared_ptr<NSPersistentStoreCoordinator> NSManagedObjectContext::persistentStoreCoordinator() const {
+  return _impl->persistentStoreCoordinator();
+}
+void NSManagedObjectContext::setPersistentStoreCoordinator(std::shared_ptr<NSPersistentStoreCoordinator> coordinator) {
+  _impl->setPersistentStoreCoordinator(std::move(coordinator));
+}
+std::shared_ptr<NSManagedObjectContext> NSManagedObjectContext::parentContext() const { return _impl->_parent; }
+void NSManagedObjectContext::setParentContext(std::shared_ptr<NSManagedObjectContext> parent) {
+  _impl->setParentContext(std::move(parent));
+}
+NSMergePolicyType NSManagedObjectContext::mergePolicy() const { return _impl->_mergePolicy; }
+void NSManagedObjectContext::setMergePolicy(NSMergePolicyType policy) { _impl->_mergePolicy = policy; }
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::insertNewObjectForEntityForName(
+    const std::string& entityName) {
+  return _impl->insertNewObjectForEntityForName(entityName);
+}
+void NSManagedObjectContext::deleteObject(const std::shared_ptr<NSManagedObject>& object) {
+  _impl->deleteObject(object);
+}
+std::optional<Array> NSManagedObjectContext::executeFetchRequest(const NSFetchRequest& request, NSErrorPtr* error) {
+  return _impl->executeFetchRequest(request, error);
+}
+std::int64_t NSManagedObjectContext::countForFetchRequest(const NSFetchRequest& request, NSErrorPtr* error) {
+  return _impl->countForFetchRequest(request, error);
+}
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::existingObjectWithID(const NSManagedObjectIDPtr& objectID,
+                                                                              NSErrorPtr* error) {
+  return _impl->existingObjectWithID(objectID, error);
+}
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::objectWithID(const NSManagedObjectIDPtr& objectID) {
+  return _impl->objectWithID(objectID);
+}
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::objectRegisteredForID(
+    const NSManagedObjectIDPtr& objectID) const {
+  return _impl->objectRegisteredForID(objectID);
+}
+bool NSManagedObjectContext::save(NSErrorPtr* error) { return _impl->save(error); }
+bool NSManagedObjectContext::hasChanges() const { return _impl->hasChanges(); }
+void NSManagedObjectContext::reset() { _impl->reset(); }
+void NSManagedObjectContext::refreshObject(const std::shared_ptr<NSManagedObject>& object, bool mergeChanges) {
+  _impl->refreshObject(object, mergeChanges);
+}
+void NSManagedObjectContext::mergeChangesFromContextDidSaveNotification(const NSNotification& notification) {
+  _impl->mergeChangesFromContextDidSaveNotification(notification);
+}
+void NSManagedObjectContext::processPendingChanges() { _impl->processPendingChanges(); }
+std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::insertedObjects() const {
+  return _impl->insertedObjects();
+}
+std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::updatedObjects() const {
+  return _impl->updatedObjects();
+}
+std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::deletedObjects() const {
+  return _impl->deletedObjects();
+}
+std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::registeredObjects() const {
+  return _impl->registeredObjects();
+}
+
+// --- The implementation ---
+
+NSManagedObjectContext::Impl::Impl(NSManagedObjectContext& owner, NSManagedObjectContextConcurrencyType type)
+    : _owner(owner), _queue(ZBContextQueue::create(type)), _pending(std::make_unique<ZBPendingChanges>()) {}
+
+NSManagedObjectContext::Impl::~Impl() {
   if (_turnObserver) NSRunLoop::mainRunLoop()->removeTurnObserver(_turnObserver);
   // Objects that outlive the context must not reach back into it.
   for (auto& [id, weak] : _registered) {
@@ -51,30 +124,31 @@ NSManagedObjectContext::~NSManagedObjectContext() {
   }
 }
 
-void NSManagedObjectContext::performBlock(std::function<void()> block) { _queue->async(std::move(block)); }
+std::shared_ptr<NSManagedObjectContext> NSManagedObjectContext::Impl::_self() const {
+  return std::static_pointer_cast<NSManagedObjectContext>(_owner.shared_from_this());
+}
 
-void NSManagedObjectContext::performBlockAndWait(const std::function<void()>& block) { _queue->sync(block); }
-
-std::shared_ptr<NSPersistentStoreCoordinator> NSManagedObjectContext::persistentStoreCoordinator() const {
+std::shared_ptr<NSPersistentStoreCoordinator> NSManagedObjectContext::Impl::persistentStoreCoordinator() const {
   if (_parent) return _parent->persistentStoreCoordinator();
   return _coordinator;
 }
 
-void NSManagedObjectContext::setPersistentStoreCoordinator(std::shared_ptr<NSPersistentStoreCoordinator> coordinator) {
+void NSManagedObjectContext::Impl::setPersistentStoreCoordinator(
+    std::shared_ptr<NSPersistentStoreCoordinator> coordinator) {
   ZBContextQueueAccess access(*_queue);
   _coordinator = std::move(coordinator);
   _parent.reset();
 }
 
-void NSManagedObjectContext::setParentContext(std::shared_ptr<NSManagedObjectContext> parent) {
+void NSManagedObjectContext::Impl::setParentContext(std::shared_ptr<NSManagedObjectContext> parent) {
   ZBContextQueueAccess access(*_queue);
-  if (parent.get() == this) throw std::logic_error("a context cannot be its own parent");
+  if (parent.get() == &_owner) throw std::logic_error("a context cannot be its own parent");
   _parent = std::move(parent);
   _coordinator.reset();
 }
 
-std::shared_ptr<NSEntityDescription> NSManagedObjectContext::_entityNamed(const std::string& name,
-                                                                           NSErrorPtr* error) const {
+std::shared_ptr<NSEntityDescription> NSManagedObjectContext::Impl::_entityNamed(const std::string& name,
+                                                                                NSErrorPtr* error) const {
   auto coordinator = persistentStoreCoordinator();
   if (!coordinator) {
     ZBSetError(error, contextError(NSPersistentStoreOperationError, "The context has no persistent store coordinator."));
@@ -87,26 +161,27 @@ std::shared_ptr<NSEntityDescription> NSManagedObjectContext::_entityNamed(const 
 
 // --- Registration ---
 
-std::shared_ptr<NSManagedObject> NSManagedObjectContext::objectRegisteredForID(const NSManagedObjectIDPtr& objectID) const {
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::Impl::objectRegisteredForID(
+    const NSManagedObjectIDPtr& objectID) const {
   if (!objectID) return nullptr;
   auto it = _registered.find(objectID.get());
   return it == _registered.end() ? nullptr : it->second.lock();
 }
 
-std::shared_ptr<NSManagedObject> NSManagedObjectContext::_register(std::shared_ptr<NSManagedObject> object) {
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::Impl::_register(std::shared_ptr<NSManagedObject> object) {
   _registered[object->objectID().get()] = object;
   if (_registered.size() >= _pruneThreshold) _pruneRegistry();
   return object;
 }
 
-void NSManagedObjectContext::_pruneRegistry() {
+void NSManagedObjectContext::Impl::_pruneRegistry() {
   for (auto it = _registered.begin(); it != _registered.end();) {
     it = it->second.expired() ? _registered.erase(it) : std::next(it);
   }
   _pruneThreshold = std::max<std::size_t>(1024, _registered.size() * 2);
 }
 
-void NSManagedObjectContext::_forget(NSManagedObject& object) {
+void NSManagedObjectContext::Impl::_forget(NSManagedObject& object) {
   _pending->remove(object);
   auto it = _registered.find(object.objectID().get());
   if (it != _registered.end()) {
@@ -115,7 +190,7 @@ void NSManagedObjectContext::_forget(NSManagedObject& object) {
   }
 }
 
-std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::registeredObjects() const {
+std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::Impl::registeredObjects() const {
   ZBContextQueueAccess access(*_queue);
   std::vector<std::shared_ptr<NSManagedObject>> objects;
   for (auto& [id, weak] : _registered) {
@@ -124,7 +199,7 @@ std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::registered
   return objects;
 }
 
-std::shared_ptr<NSManagedObject> NSManagedObjectContext::_materialize(const ZBRowSnapshot& row) {
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::Impl::_materialize(const ZBRowSnapshot& row) {
   if (auto object = objectRegisteredForID(row.objectID)) {
     if (object->isFault()) {
       object->_fill(row);
@@ -134,26 +209,26 @@ std::shared_ptr<NSManagedObject> NSManagedObjectContext::_materialize(const ZBRo
   }
   auto& entity = row.objectID->entity();
   auto object = entity->makeObject();
-  object->_initialise(entity, row.objectID, std::static_pointer_cast<NSManagedObjectContext>(shared_from_this()));
+  object->_initialise(entity, row.objectID, _self());
   object->_fill(row);
   _register(object);
   object->awakeFromFetch();
   return object;
 }
 
-std::shared_ptr<NSManagedObject> NSManagedObjectContext::objectWithID(const NSManagedObjectIDPtr& objectID) {
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::Impl::objectWithID(const NSManagedObjectIDPtr& objectID) {
   ZBContextQueueAccess access(*_queue);
   if (!objectID) return nullptr;
   if (auto object = objectRegisteredForID(objectID)) return object;
   auto& entity = objectID->entity();
   auto object = entity->makeObject();
-  object->_initialise(entity, objectID, std::static_pointer_cast<NSManagedObjectContext>(shared_from_this()));
+  object->_initialise(entity, objectID, _self());
   object->_state.fault = true;
   return _register(object);
 }
 
-std::shared_ptr<NSManagedObject> NSManagedObjectContext::existingObjectWithID(const NSManagedObjectIDPtr& objectID,
-                                                                              NSErrorPtr* error) {
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::Impl::existingObjectWithID(
+    const NSManagedObjectIDPtr& objectID, NSErrorPtr* error) {
   ZBContextQueueAccess access(*_queue);
   auto missing = [&] {
     ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSManagedObjectReferentialIntegrityError,
@@ -176,31 +251,32 @@ std::shared_ptr<NSManagedObject> NSManagedObjectContext::existingObjectWithID(co
 
 // --- Loading from beneath ---
 
-bool NSManagedObjectContext::_loadRow(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row, bool* found,
-                                      NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::_loadRow(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row, bool* found,
+                                            NSErrorPtr* error) {
   *found = false;
   if (_parent) {
     bool ok = true;
-    _parent->performBlockAndWait([&] { ok = _parent->_rowFromObjects(objectID, row, found, error); });
+    _parent->performBlockAndWait([&] { ok = _parent->_impl->_rowFromObjects(objectID, row, found, error); });
     return ok;
   }
   if (!_coordinator || objectID->isTemporaryID()) return true;
   return _coordinator->_rowForObjectID(objectID, row, found, error);
 }
 
-bool NSManagedObjectContext::_loadRelationship(const NSManagedObjectIDPtr& objectID, std::size_t relationship,
-                                               std::vector<NSManagedObjectIDPtr>* related, NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::_loadRelationship(const NSManagedObjectIDPtr& objectID, std::size_t relationship,
+                                                     std::vector<NSManagedObjectIDPtr>* related, NSErrorPtr* error) {
   if (_parent) {
     bool ok = true;
-    _parent->performBlockAndWait([&] { ok = _parent->_relationshipFromObjects(objectID, relationship, related, error); });
+    _parent->performBlockAndWait(
+        [&] { ok = _parent->_impl->_relationshipFromObjects(objectID, relationship, related, error); });
     return ok;
   }
   if (!_coordinator || objectID->isTemporaryID()) return true;
   return _coordinator->_relatedObjectIDs(objectID, relationship, related, error);
 }
 
-bool NSManagedObjectContext::_rowFromObjects(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row, bool* found,
-                                             NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::_rowFromObjects(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row,
+                                                   bool* found, NSErrorPtr* error) {
   auto object = objectRegisteredForID(objectID);
   if (!object) return _loadRow(objectID, row, found, error);
   object->_fireFault();
@@ -213,8 +289,10 @@ bool NSManagedObjectContext::_rowFromObjects(const NSManagedObjectIDPtr& objectI
   return true;
 }
 
-bool NSManagedObjectContext::_relationshipFromObjects(const NSManagedObjectIDPtr& objectID, std::size_t relationship,
-                                                      std::vector<NSManagedObjectIDPtr>* related, NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::_relationshipFromObjects(const NSManagedObjectIDPtr& objectID,
+                                                            std::size_t relationship,
+                                                            std::vector<NSManagedObjectIDPtr>* related,
+                                                            NSErrorPtr* error) {
   auto object = objectRegisteredForID(objectID);
   if (!object) return _loadRelationship(objectID, relationship, related, error);
   auto& ids = object->_toManyIDs(relationship);
@@ -224,14 +302,14 @@ bool NSManagedObjectContext::_relationshipFromObjects(const NSManagedObjectIDPtr
 
 // --- Changes ---
 
-std::shared_ptr<NSManagedObject> NSManagedObjectContext::insertNewObjectForEntityForName(const std::string& entityName) {
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::Impl::insertNewObjectForEntityForName(
+    const std::string& entityName) {
   ZBContextQueueAccess access(*_queue);
   NSErrorPtr error;
   auto entity = _entityNamed(entityName, &error);
   if (!entity) throw std::logic_error(error->localizedDescription());
   auto object = entity->makeObject();
-  object->_initialise(entity, ZBObjectIDRegistry::temporaryID(entity),
-                      std::static_pointer_cast<NSManagedObjectContext>(shared_from_this()));
+  object->_initialise(entity, ZBObjectIDRegistry::temporaryID(entity), _self());
   object->_applyDefaults();
   object->_markInserted(true);
   _register(object);
@@ -241,10 +319,10 @@ std::shared_ptr<NSManagedObject> NSManagedObjectContext::insertNewObjectForEntit
   return object;
 }
 
-void NSManagedObjectContext::deleteObject(const std::shared_ptr<NSManagedObject>& object) {
+void NSManagedObjectContext::Impl::deleteObject(const std::shared_ptr<NSManagedObject>& object) {
   ZBContextQueueAccess access(*_queue);
   if (!object || object->isDeleted()) return;
-  if (object->managedObjectContext().get() != this) {
+  if (object->managedObjectContext().get() != &_owner) {
     throw std::logic_error("an object can only be deleted in its own context");
   }
   object->_fireFault();
@@ -254,24 +332,24 @@ void NSManagedObjectContext::deleteObject(const std::shared_ptr<NSManagedObject>
   _deletesToPropagate.push_back(object);
 }
 
-void NSManagedObjectContext::_objectDidChange(NSManagedObject& object) {
+void NSManagedObjectContext::Impl::_objectDidChange(NSManagedObject& object) {
   if (object.isDeleted()) return;
   if (!_pending->contains(object)) _pending->add(std::static_pointer_cast<NSManagedObject>(object.shared_from_this()));
   _noteForProcessing(object);
 }
 
-void NSManagedObjectContext::_attributeWillChange(NSManagedObject& object, std::size_t attribute, const Value& oldValue,
-                                                  const Value& newValue) {
+void NSManagedObjectContext::Impl::_attributeWillChange(NSManagedObject& object, std::size_t attribute,
+                                                        const Value& oldValue, const Value& newValue) {
   _pending->attributeWillChange(object, attribute, oldValue, newValue);
 }
 
-void NSManagedObjectContext::_noteForProcessing(NSManagedObject& object) {
+void NSManagedObjectContext::Impl::_noteForProcessing(NSManagedObject& object) {
   if (object._noted) return;
   object._noted = true;
   _unprocessed.push_back(std::static_pointer_cast<NSManagedObject>(object.shared_from_this()));
 }
 
-void NSManagedObjectContext::_propagateDeletes() {
+void NSManagedObjectContext::Impl::_propagateDeletes() {
   while (!_deletesToPropagate.empty()) {
     auto deleting = std::move(_deletesToPropagate);
     _deletesToPropagate.clear();
@@ -316,7 +394,7 @@ void NSManagedObjectContext::_propagateDeletes() {
   }
 }
 
-void NSManagedObjectContext::processPendingChanges() {
+void NSManagedObjectContext::Impl::processPendingChanges() {
   ZBContextQueueAccess access(*_queue);
   _propagateDeletes();
   if (_unprocessed.empty()) return;
@@ -340,16 +418,16 @@ void NSManagedObjectContext::processPendingChanges() {
   if (!inserted.empty()) info.set(NSInsertedObjectsKey, Value(std::move(inserted)));
   if (!updated.empty()) info.set(NSUpdatedObjectsKey, Value(std::move(updated)));
   if (!deleted.empty()) info.set(NSDeletedObjectsKey, Value(std::move(deleted)));
-  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextObjectsDidChangeNotification, shared_from_this(),
-                                             std::move(info));
+  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextObjectsDidChangeNotification,
+                                             _owner.shared_from_this(), std::move(info));
 }
 
-bool NSManagedObjectContext::hasChanges() const {
+bool NSManagedObjectContext::Impl::hasChanges() const {
   ZBContextQueueAccess access(*_queue);
   return !_deletesToPropagate.empty() || _pending->anyChanged();
 }
 
-std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::insertedObjects() const {
+std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::Impl::insertedObjects() const {
   ZBContextQueueAccess access(*_queue);
   std::vector<std::shared_ptr<NSManagedObject>> result;
   for (auto& object : _pending->objects()) {
@@ -358,7 +436,7 @@ std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::insertedOb
   return result;
 }
 
-std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::updatedObjects() const {
+std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::Impl::updatedObjects() const {
   ZBContextQueueAccess access(*_queue);
   std::vector<std::shared_ptr<NSManagedObject>> result;
   for (auto& object : _pending->objects()) {
@@ -367,7 +445,7 @@ std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::updatedObj
   return result;
 }
 
-std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::deletedObjects() const {
+std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::Impl::deletedObjects() const {
   ZBContextQueueAccess access(*_queue);
   std::vector<std::shared_ptr<NSManagedObject>> result;
   for (auto& object : _pending->objects()) {
@@ -376,7 +454,7 @@ std::vector<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::deletedObj
   return result;
 }
 
-void NSManagedObjectContext::reset() {
+void NSManagedObjectContext::Impl::reset() {
   ZBContextQueueAccess access(*_queue);
   for (auto& [id, weak] : _registered) {
     if (auto object = weak.lock()) {
@@ -394,9 +472,9 @@ void NSManagedObjectContext::reset() {
   _pruneThreshold = 1024;
 }
 
-void NSManagedObjectContext::refreshObject(const std::shared_ptr<NSManagedObject>& object, bool mergeChanges) {
+void NSManagedObjectContext::Impl::refreshObject(const std::shared_ptr<NSManagedObject>& object, bool mergeChanges) {
   ZBContextQueueAccess access(*_queue);
-  if (!object || object->managedObjectContext().get() != this || object->isInserted()) return;
+  if (!object || object->managedObjectContext().get() != &_owner || object->isInserted()) return;
   if (!mergeChanges) {
     _pending->remove(*object);
     object->_markDeleted(false);
@@ -414,7 +492,8 @@ void NSManagedObjectContext::refreshObject(const std::shared_ptr<NSManagedObject
 
 // --- Saving ---
 
-bool NSManagedObjectContext::_validate(const std::vector<std::shared_ptr<NSManagedObject>>& objects, NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::_validate(const std::vector<std::shared_ptr<NSManagedObject>>& objects,
+                                             NSErrorPtr* error) {
   std::vector<NSErrorPtr> errors;
   for (auto& object : objects) {
     NSErrorPtr objectError;
@@ -430,24 +509,12 @@ bool NSManagedObjectContext::_validate(const std::vector<std::shared_ptr<NSManag
     if (!objectError) {
       objectError = contextError(NSManagedObjectValidationError, "An object failed validation.");
     }
-    if (objectError->code() == NSValidationMultipleErrorsError) {
-      for (auto& detail : objectError->userInfo()[NSDetailedErrorsKey].collectionElements()) {
-        if (auto e = detail.as<NSError>()) errors.push_back(e);
-      }
-    } else {
-      errors.push_back(objectError);
-    }
+    errors.push_back(std::move(objectError));
   }
-  if (errors.empty()) return true;
-  if (errors.size() == 1) return ZBSetError(error, errors.front());
-  Array detailed;
-  for (auto& e : errors) detailed.push_back(Value(std::const_pointer_cast<NSError>(e)));
-  return ZBSetError(error, NSError::create(NSCocoaErrorDomain, NSValidationMultipleErrorsError,
-                                           Dictionary{{NSLocalizedDescriptionKey, Value("Multiple validation errors occurred.")},
-                                                      {NSDetailedErrorsKey, Value(std::move(detailed))}}));
+  return ZBReportValidationErrors(errors, error);
 }
 
-ZBObjectChange NSManagedObjectContext::_changeFor(const NSManagedObject& object) {
+ZBObjectChange NSManagedObjectContext::Impl::_changeFor(const NSManagedObject& object) {
   ZBObjectChange change;
   change.objectID = object.objectID();
   change.version = object._version();
@@ -494,7 +561,7 @@ ZBObjectChange NSManagedObjectContext::_changeFor(const NSManagedObject& object)
   return change;
 }
 
-bool NSManagedObjectContext::save(NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::save(NSErrorPtr* error) {
   ZBContextQueueAccess access(*_queue);
   if (_saving) return ZBSetError(error, contextError(NSManagedObjectContextLockingError, "A save is already running."));
   processPendingChanges();
@@ -513,7 +580,7 @@ bool NSManagedObjectContext::save(NSErrorPtr* error) {
     ~SavingFlag() { flag = false; }
   } saving(_saving);
 
-  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextWillSaveNotification, shared_from_this());
+  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextWillSaveNotification, _owner.shared_from_this());
   for (auto& object : changed) object->willSave();
   // willSave may change objects; validation sees the final state.
   if (!_validate(changed, error)) return false;
@@ -524,8 +591,8 @@ bool NSManagedObjectContext::save(NSErrorPtr* error) {
 
   if (_parent) {
     bool ok = true;
-    auto self = std::static_pointer_cast<NSManagedObjectContext>(shared_from_this());
-    _parent->performBlockAndWait([&] { ok = _parent->_applyChildChanges(changes, error); });
+    auto self = _self();
+    _parent->performBlockAndWait([&] { ok = _parent->_impl->_applyChildChanges(changes, error); });
     if (!ok) return false;
   } else {
     // A row changed underneath is resolved by the merge policy and the
@@ -550,7 +617,7 @@ bool NSManagedObjectContext::save(NSErrorPtr* error) {
   return true;
 }
 
-NSErrorPtr NSManagedObjectContext::_conflictError(const std::vector<ZBSaveConflict>& conflicts) {
+NSErrorPtr NSManagedObjectContext::Impl::_conflictError(const std::vector<ZBSaveConflict>& conflicts) {
   Array list;
   for (auto& conflict : conflicts) {
     Dictionary entry{{"objectID", Value(conflict.objectID)},
@@ -564,8 +631,8 @@ NSErrorPtr NSManagedObjectContext::_conflictError(const std::vector<ZBSaveConfli
                                     {"conflictList", Value(std::move(list))}});
 }
 
-void NSManagedObjectContext::_didSave(const std::vector<std::shared_ptr<NSManagedObject>>& changed,
-                                      const std::vector<ZBObjectChange>& changes) {
+void NSManagedObjectContext::Impl::_didSave(const std::vector<std::shared_ptr<NSManagedObject>>& changed,
+                                            const std::vector<ZBObjectChange>& changes) {
   Set inserted, updated, deleted;
   for (std::size_t i = 0; i < changed.size(); ++i) {
     auto& object = changed[i];
@@ -597,14 +664,14 @@ void NSManagedObjectContext::_didSave(const std::vector<std::shared_ptr<NSManage
   Dictionary info{{NSInsertedObjectsKey, Value(std::move(inserted))},
                   {NSUpdatedObjectsKey, Value(std::move(updated))},
                   {NSDeletedObjectsKey, Value(std::move(deleted))}};
-  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextDidSaveNotification, shared_from_this(),
+  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextDidSaveNotification, _owner.shared_from_this(),
                                              std::move(info));
 }
 
 // --- Children ---
 
-bool NSManagedObjectContext::_applyChildChanges(const std::vector<ZBObjectChange>& changes, NSErrorPtr* error) {
-  auto self = std::static_pointer_cast<NSManagedObjectContext>(shared_from_this());
+bool NSManagedObjectContext::Impl::_applyChildChanges(const std::vector<ZBObjectChange>& changes, NSErrorPtr* error) {
+  auto self = _self();
   // Every object a change refers to must still be here before anything is
   // applied, so a refused push leaves this context as it was.
   for (auto& change : changes) {
@@ -660,9 +727,7 @@ bool NSManagedObjectContext::_applyChildChanges(const std::vector<ZBObjectChange
     }
     auto& relationships = entity->relationships();
     for (auto& [index, target] : change.toOne) {
-      object->willChangeValueForKey(relationships[index]->name());
-      object->_setToOneID(index, target);
-      object->didChangeValueForKey(relationships[index]->name());
+      object->_setToOneIDNotifying(index, target);
     }
     for (auto& delta : change.toMany) {
       object->willChangeValueForKey(relationships[delta.relationship]->name());
@@ -686,7 +751,7 @@ NSManagedObjectIDPtr objectIDOf(const Value& value) {
 
 }  // namespace
 
-void NSManagedObjectContext::mergeChangesFromContextDidSaveNotification(const NSNotification& notification) {
+void NSManagedObjectContext::Impl::mergeChangesFromContextDidSaveNotification(const NSNotification& notification) {
   ZBContextQueueAccess access(*_queue);
   auto& info = notification.userInfo;
   Set inserted, updated, deleted;
@@ -758,11 +823,11 @@ void NSManagedObjectContext::mergeChangesFromContextDidSaveNotification(const NS
   if (!inserted.empty()) changes.set(NSInsertedObjectsKey, Value(std::move(inserted)));
   if (!updated.empty()) changes.set(NSUpdatedObjectsKey, Value(std::move(updated)));
   if (!deleted.empty()) changes.set(NSDeletedObjectsKey, Value(std::move(deleted)));
-  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextObjectsDidChangeNotification, shared_from_this(),
-                                             std::move(changes));
+  NSNotificationCenter::defaultCenter().post(NSManagedObjectContextObjectsDidChangeNotification,
+                                             _owner.shared_from_this(), std::move(changes));
 }
 
-void NSManagedObjectContext::_applyRow(NSManagedObject& object, const ZBRowSnapshot& row, bool storeWins) {
+void NSManagedObjectContext::Impl::_applyRow(NSManagedObject& object, const ZBRowSnapshot& row, bool storeWins) {
   auto& entity = *object.entity();
   auto& values = object._attributeValues();
   auto& originals = object._originalAttributes();
@@ -796,7 +861,7 @@ void NSManagedObjectContext::_applyRow(NSManagedObject& object, const ZBRowSnaps
   for (auto i : changing) object.didChangeValueForKey(entity.attributes()[i]->name());
 }
 
-bool NSManagedObjectContext::_resolveConflicts(const std::vector<ZBSaveConflict>& conflicts, NSErrorPtr* error) {
+bool NSManagedObjectContext::Impl::_resolveConflicts(const std::vector<ZBSaveConflict>& conflicts, NSErrorPtr* error) {
   if (_mergePolicy == NSErrorMergePolicyType) return ZBSetError(error, _conflictError(conflicts));
   for (auto& conflict : conflicts) {
     auto object = objectRegisteredForID(conflict.objectID);

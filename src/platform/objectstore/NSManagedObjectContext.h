@@ -17,15 +17,16 @@
 // ones match on their changed values. Only objects of the fetched entity are
 // re-evaluated: a key path through a relationship ("ANY tags.title") is
 // matched against stored values for related objects that changed but were
-// not saved. Counts run as SQL COUNT unless the predicate has no SQL form. A save validates every changed object, writes one transaction,
-// makes the IDs of inserted objects permanent and posts
+// not saved. Counts run as SQL COUNT unless the predicate has no SQL form. A
+// save validates every changed object, writes one transaction, makes the IDs
+// of inserted objects permanent and posts
 // NSManagedObjectContextDidSaveNotification (object: the context; user info:
 // NSInsertedObjectsKey, NSUpdatedObjectsKey, NSDeletedObjectsKey, each a Set
 // of objects). NSManagedObjectContextObjectsDidChangeNotification follows
 // processPendingChanges, saves and merges, and for a main-queue context the
 // end of every main run-loop turn in which it changed objects.
 //
-// Ownership: held by shared_ptr (create). It keeps objects with unsaved
+// Ownership: held by shared_ptr (create only). It keeps objects with unsaved
 // changes alive; other registered objects live as long as someone holds them.
 
 #include <cstdint>
@@ -34,8 +35,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "platform/foundation/NSError.h"
@@ -43,9 +42,8 @@
 #include "platform/foundation/NSObject.h"
 #include "platform/objectstore/NSFetchRequest.h"
 #include "platform/objectstore/NSManagedObject.h"
+#include "platform/objectstore/NSManagedObjectContextConcurrencyType.h"
 #include "platform/objectstore/NSPersistentStoreCoordinator.h"
-#include "platform/objectstore/impl/ZBContextQueue.h"
-#include "platform/objectstore/impl/ZBFetchPlanner.h"
 
 extern const std::string NSManagedObjectContextDidSaveNotification;
 extern const std::string NSManagedObjectContextWillSaveNotification;
@@ -69,14 +67,18 @@ enum class NSMergePolicyType {
 };
 using enum NSMergePolicyType;
 
-class ZBPendingChanges;
-
 class NSManagedObjectContext final : public NSObject {
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
 public:
   static std::shared_ptr<NSManagedObjectContext> create(NSManagedObjectContextConcurrencyType type);
+  // For create only (a main-queue context is wired to the run loop there).
+  NSManagedObjectContext(Passkey, NSManagedObjectContextConcurrencyType type);
   ~NSManagedObjectContext() override;
 
-  NSManagedObjectContextConcurrencyType concurrencyType() const { return _queue->type(); }
+  NSManagedObjectContextConcurrencyType concurrencyType() const;
 
   // Queued on the context's queue (private: its serial queue; main: the main
   // run loop; confinement: run at once). Thread-safe.
@@ -88,11 +90,11 @@ public:
   // The coordinator beneath; for a child context, its parent's.
   std::shared_ptr<NSPersistentStoreCoordinator> persistentStoreCoordinator() const;
   void setPersistentStoreCoordinator(std::shared_ptr<NSPersistentStoreCoordinator> coordinator);
-  std::shared_ptr<NSManagedObjectContext> parentContext() const { return _parent; }
+  std::shared_ptr<NSManagedObjectContext> parentContext() const;
   void setParentContext(std::shared_ptr<NSManagedObjectContext> parent);
 
-  NSMergePolicyType mergePolicy() const { return _mergePolicy; }
-  void setMergePolicy(NSMergePolicyType policy) { _mergePolicy = policy; }
+  NSMergePolicyType mergePolicy() const;
+  void setMergePolicy(NSMergePolicyType policy);
 
   // A new object of the entity, registered as inserted, with its attributes'
   // defaults (and awakeFromInsert run). An unknown entity is a programming
@@ -133,7 +135,7 @@ public:
   // the context, and *error tells why: a validation error (one, or
   // NSValidationMultipleErrorsError with NSDetailedErrorsKey), a merge
   // conflict (NSManagedObjectMergeError), or a store error.
-  bool save(NSErrorPtr* error = nullptr);
+  [[nodiscard]] bool save(NSErrorPtr* error = nullptr);
   bool hasChanges() const;
   // Forgets every registered object and change.
   void reset();
@@ -162,65 +164,10 @@ public:
 
   std::string className() const override { return "NSManagedObjectContext"; }
 
-  explicit NSManagedObjectContext(NSManagedObjectContextConcurrencyType type);
-
-  // --- For managed objects and child contexts. ---
-  bool _loadRow(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row, bool* found, NSErrorPtr* error);
-  bool _loadRelationship(const NSManagedObjectIDPtr& objectID, std::size_t relationship,
-                         std::vector<NSManagedObjectIDPtr>* related, NSErrorPtr* error);
-  void _objectDidChange(NSManagedObject& object);
-  void _attributeWillChange(NSManagedObject& object, std::size_t attribute, const Value& oldValue,
-                            const Value& newValue);
-  ZBContextQueue& _contextQueue() const { return *_queue; }
-  // As a parent, on its own queue: the state a child sees beneath it.
-  bool _rowFromObjects(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row, bool* found, NSErrorPtr* error);
-  bool _relationshipFromObjects(const NSManagedObjectIDPtr& objectID, std::size_t relationship,
-                                std::vector<NSManagedObjectIDPtr>* related, NSErrorPtr* error);
-  // Whole rows, or in the plan's properties mode the values of its
-  // properties, row after row, in *values.
-  bool _collectRows(const ZBFetchPlan& plan, ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,
-                    std::vector<Value>* values, bool* overlaid, NSErrorPtr* error);
-  std::optional<std::int64_t> _countRows(const ZBFetchPlan& plan, ZBExclusionChain& chain, NSErrorPtr* error);
-  bool _applyChildChanges(const std::vector<ZBObjectChange>& changes, NSErrorPtr* error);
-
 private:
-  std::shared_ptr<NSManagedObject> _register(std::shared_ptr<NSManagedObject> object);
-  std::shared_ptr<NSManagedObject> _materialize(const ZBRowSnapshot& row);
-  void _forget(NSManagedObject& object);
-  void _noteForProcessing(NSManagedObject& object);
-  void _propagateDeletes();
-  bool _validate(const std::vector<std::shared_ptr<NSManagedObject>>& objects, NSErrorPtr* error);
-  static ZBObjectChange _changeFor(const NSManagedObject& object);
-  NSErrorPtr _conflictError(const std::vector<ZBSaveConflict>& conflicts);
-  void _didSave(const std::vector<std::shared_ptr<NSManagedObject>>& changed, const std::vector<ZBObjectChange>& changes);
-  void _pruneRegistry();
-  // Takes row as object's committed state, keeping its own changes (all of
-  // them, or only where the row did not change the same property), and tells
-  // observers of every value that changes.
-  void _applyRow(NSManagedObject& object, const ZBRowSnapshot& row, bool storeWins);
-  // Resolves rows changed underneath a save by the merge policy. False and
-  // *error when the policy cannot (the error policy never can).
-  bool _resolveConflicts(const std::vector<ZBSaveConflict>& conflicts, NSErrorPtr* error);
-  std::shared_ptr<NSEntityDescription> _entityNamed(const std::string& name, NSErrorPtr* error) const;
-  bool _planFetch(const NSFetchRequest& request, ZBFetchPlan* plan, NSErrorPtr* error);
-  bool _pendingRows(const ZBFetchPlan& plan, const ZBExclusionChain& chain, std::vector<ZBRowSnapshot>* rows,
-                    std::vector<Value>* values);
-  std::optional<Array> _fetchObjects(const ZBFetchPlan& plan, NSErrorPtr* error);
-
-  std::shared_ptr<ZBContextQueue> _queue;
-  std::shared_ptr<NSPersistentStoreCoordinator> _coordinator;
-  std::shared_ptr<NSManagedObjectContext> _parent;
-  NSMergePolicyType _mergePolicy = NSErrorMergePolicyType;
-
-  // Registered objects, held weakly (keys are never dereferenced: an entry
-  // whose object died is a miss).
-  std::unordered_map<const NSManagedObjectID*, std::weak_ptr<NSManagedObject>> _registered;
-  std::size_t _pruneThreshold = 1024;
-  std::unique_ptr<ZBPendingChanges> _pending;
-  std::vector<std::shared_ptr<NSManagedObject>> _unprocessed;        // changed since processPendingChanges
-  std::vector<std::shared_ptr<NSManagedObject>> _deletesToPropagate;  // deleted, delete rules not yet applied
-  bool _saving = false;
-  std::uint64_t _turnObserver = 0;  // main queue: processes changes at the end of each run-loop turn
+  friend class NSManagedObject;  // loads its rows and records its changes through the implementation
+  class Impl;                    // impl/ZBManagedObjectContextImpl.h
+  std::unique_ptr<Impl> _impl;
 };
 
 using NSManagedObjectContextPtr = std::shared_ptr<NSManagedObjectContext>;

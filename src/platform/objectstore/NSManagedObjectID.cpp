@@ -31,30 +31,32 @@ NSManagedObjectIDPtr ZBObjectIDRegistry::permanentID(const std::shared_ptr<NSPer
                                                      std::uint64_t storeSerial, const std::string& storeIdentifier,
                                                      const std::shared_ptr<NSEntityDescription>& entity,
                                                      std::int64_t primaryKey) {
-  std::lock_guard lock(_mutex);
-  auto& entry = _ids[Key{storeSerial, entity.get(), primaryKey}];
-  if (auto existing = entry.id.lock()) return existing;
+  ZBMutexLock hold(_mutex);
+  auto it = _ids.find(Key{storeSerial, entity.get(), primaryKey});
+  if (it != _ids.end()) {
+    if (auto existing = it->second.id.lock()) return existing;
+  }
   auto objectID = std::make_shared<NSManagedObjectID>(entity, std::string());
-  objectID->_store = store;
-  objectID->_storeSerial = storeSerial;
-  objectID->_storeIdentifier = storeIdentifier;
-  objectID->_registry = weak_from_this();
-  objectID->_primaryKey.store(primaryKey, std::memory_order_release);
-  entry.id = objectID;
-  entry.raw = objectID.get();
+  _makePermanent(objectID, store, storeSerial, storeIdentifier, primaryKey);
   return objectID;
 }
 
 NSManagedObjectIDPtr ZBObjectIDRegistry::existingID(std::uint64_t storeSerial, const NSEntityDescription* entity,
                                                     std::int64_t primaryKey) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock hold(_mutex);
   auto it = _ids.find(Key{storeSerial, entity, primaryKey});
   return it == _ids.end() ? nullptr : it->second.id.lock();
 }
 
 void ZBObjectIDRegistry::promote(const NSManagedObjectIDPtr& objectID, const std::shared_ptr<NSPersistentStore>& store,
                                  std::uint64_t storeSerial, const std::string& storeIdentifier, std::int64_t primaryKey) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock hold(_mutex);
+  _makePermanent(objectID, store, storeSerial, storeIdentifier, primaryKey);
+}
+
+void ZBObjectIDRegistry::_makePermanent(const NSManagedObjectIDPtr& objectID,
+                                        const std::shared_ptr<NSPersistentStore>& store, std::uint64_t storeSerial,
+                                        const std::string& storeIdentifier, std::int64_t primaryKey) {
   objectID->_store = store;
   objectID->_storeSerial = storeSerial;
   objectID->_storeIdentifier = storeIdentifier;
@@ -66,7 +68,7 @@ void ZBObjectIDRegistry::promote(const NSManagedObjectIDPtr& objectID, const std
 }
 
 void ZBObjectIDRegistry::remove(const NSManagedObjectID* objectID) {
-  std::lock_guard lock(_mutex);
+  ZBMutexLock hold(_mutex);
   auto it = _ids.find(Key{objectID->_storeSerial, objectID->entity().get(), objectID->primaryKey()});
   if (it != _ids.end() && it->second.raw == objectID) _ids.erase(it);
 }

@@ -23,10 +23,10 @@ NSErrorPtr coordinatorError(std::int64_t code, const std::string& description) {
 
 std::shared_ptr<NSPersistentStoreCoordinator> NSPersistentStoreCoordinator::create(
     std::shared_ptr<NSManagedObjectModel> model) {
-  return std::make_shared<NSPersistentStoreCoordinator>(std::move(model));
+  return std::make_shared<NSPersistentStoreCoordinator>(Passkey(), std::move(model));
 }
 
-NSPersistentStoreCoordinator::NSPersistentStoreCoordinator(std::shared_ptr<NSManagedObjectModel> model)
+NSPersistentStoreCoordinator::NSPersistentStoreCoordinator(Passkey, std::shared_ptr<NSManagedObjectModel> model)
     : _model(std::move(model)), _registry(std::make_shared<ZBObjectIDRegistry>()) {
   _model->markInUse();
 }
@@ -50,8 +50,8 @@ std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::addPersistentSt
                                        "The store location “" + url.absoluteString() + "” is not a file URL."));
     return nullptr;
   }
-  std::lock_guard lock(_lock);
-  if (persistentStoreForURL(url)) {
+  ZBRecursiveMutexLock hold(_lock);
+  if (_persistentStoreForURLLocked(url)) {
     ZBSetError(error, coordinatorError(NSPersistentStoreOperationError,
                                        "A store at “" + url.path() + "” is already added."));
     return nullptr;
@@ -84,7 +84,7 @@ std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::addPersistentSt
 
 bool NSPersistentStoreCoordinator::removePersistentStore(const std::shared_ptr<NSPersistentStore>& store,
                                                          NSErrorPtr* error) {
-  std::lock_guard lock(_lock);
+  ZBRecursiveMutexLock hold(_lock);
   for (auto it = _stores.begin(); it != _stores.end(); ++it) {
     if (*it != store) continue;
     store->_sqlite.reset();
@@ -97,7 +97,11 @@ bool NSPersistentStoreCoordinator::removePersistentStore(const std::shared_ptr<N
 }
 
 std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::persistentStoreForURL(const NSURL& url) const {
-  std::lock_guard lock(_lock);
+  ZBRecursiveMutexLock hold(_lock);
+  return _persistentStoreForURLLocked(url);
+}
+
+std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::_persistentStoreForURLLocked(const NSURL& url) const {
   if (!url.isFileURL()) return nullptr;
   auto path = canonicalPath(url);
   for (auto& store : _stores) {
@@ -107,7 +111,7 @@ std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::persistentStore
 }
 
 std::vector<std::shared_ptr<NSPersistentStore>> NSPersistentStoreCoordinator::persistentStores() const {
-  std::lock_guard lock(_lock);
+  ZBRecursiveMutexLock hold(_lock);
   return _stores;
 }
 
@@ -129,7 +133,7 @@ NSManagedObjectIDPtr NSPersistentStoreCoordinator::managedObjectIDForURIRepresen
   if (ec != std::errc() || end != key.data() + key.size() || pk <= 0) return nullptr;
   auto entity = _model->entityNamed(entityName);
   if (!entity) return nullptr;
-  std::lock_guard lock(_lock);
+  ZBRecursiveMutexLock hold(_lock);
   for (auto& store : _stores) {
     if (store->_identifier != storeIdentifier) continue;
     if (!store->_sqlite->layout(entity.get())) return nullptr;
@@ -139,13 +143,18 @@ NSManagedObjectIDPtr NSPersistentStoreCoordinator::managedObjectIDForURIRepresen
 }
 
 void NSPersistentStoreCoordinator::performBlockAndWait(const std::function<void()>& block) {
-  std::lock_guard lock(_lock);
+  ZBRecursiveMutexLock hold(_lock);
   block();
 }
 
 std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::_storeForEntity(const NSEntityDescription* entity,
                                                                                   NSErrorPtr* error) const {
-  std::lock_guard lock(_lock);
+  ZBRecursiveMutexLock hold(_lock);
+  return _storeForEntityLocked(entity, error);
+}
+
+std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::_storeForEntityLocked(
+    const NSEntityDescription* entity, NSErrorPtr* error) const {
   for (auto& store : _stores) {
     if (store->_sqlite->layout(entity)) return store;
   }
@@ -156,15 +165,15 @@ std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::_storeForEntity
 
 bool NSPersistentStoreCoordinator::_withStore(const NSEntityDescription* entity, NSErrorPtr* error,
                                               const std::function<bool(ZBSQLiteStore&)>& work) {
-  std::lock_guard lock(_lock);
-  auto store = _storeForEntity(entity, error);
+  ZBRecursiveMutexLock hold(_lock);
+  auto store = _storeForEntityLocked(entity, error);
   if (!store) return false;
   return work(*store->_sqlite);
 }
 
 bool NSPersistentStoreCoordinator::_rowForObjectID(const NSManagedObjectIDPtr& objectID, ZBRowSnapshot* row,
                                                    bool* found, NSErrorPtr* error) {
-  std::lock_guard lock(_lock);
+  ZBRecursiveMutexLock hold(_lock);
   *found = false;
   auto store = objectID->persistentStore();
   if (!store || store->_coordinator.lock().get() != this || !store->_sqlite) return true;
@@ -173,7 +182,7 @@ bool NSPersistentStoreCoordinator::_rowForObjectID(const NSManagedObjectIDPtr& o
 
 bool NSPersistentStoreCoordinator::_relatedObjectIDs(const NSManagedObjectIDPtr& objectID, std::size_t relationship,
                                                      std::vector<NSManagedObjectIDPtr>* related, NSErrorPtr* error) {
-  std::lock_guard lock(_lock);
+  ZBRecursiveMutexLock hold(_lock);
   auto store = objectID->persistentStore();
   if (!store || store->_coordinator.lock().get() != this || !store->_sqlite) return true;
   std::vector<std::int64_t> keys;
@@ -193,14 +202,16 @@ NSManagedObjectIDPtr NSPersistentStoreCoordinator::_objectID(const std::shared_p
   return _registry->permanentID(store, store->_serial, store->_identifier, entity, primaryKey);
 }
 
+std::shared_ptr<NSPersistentStore> NSPersistentStoreCoordinator::_storeForChangeLocked(
+    const ZBObjectChange& change) const {
+  if (change.objectID->isTemporaryID()) return _storeForEntityLocked(change.objectID->entity().get(), nullptr);
+  auto store = change.objectID->persistentStore();
+  return store && store->_sqlite ? store : nullptr;
+}
+
 bool NSPersistentStoreCoordinator::_save(const std::vector<ZBObjectChange>& changes,
                                          std::vector<ZBSaveConflict>* conflicts, NSErrorPtr* error) {
-  std::lock_guard lock(_lock);
-  auto storeFor = [&](const ZBObjectChange& change) -> std::shared_ptr<NSPersistentStore> {
-    if (change.objectID->isTemporaryID()) return _storeForEntity(change.objectID->entity().get(), nullptr);
-    auto store = change.objectID->persistentStore();
-    return store && store->_sqlite ? store : nullptr;
-  };
+  ZBRecursiveMutexLock hold(_lock);
   auto commit = [&](const std::shared_ptr<NSPersistentStore>& store, const std::vector<ZBObjectChange>& storeChanges) {
     std::vector<std::int64_t> assigned;
     std::vector<ZBSaveConflict> storeConflicts;
@@ -217,17 +228,17 @@ bool NSPersistentStoreCoordinator::_save(const std::vector<ZBObjectChange>& chan
   };
   // Usually every change goes to one store: no need to regroup them.
   if (!changes.empty()) {
-    auto first = storeFor(changes.front());
-    if (first && std::all_of(changes.begin(), changes.end(), [&](auto& change) { return storeFor(change) == first; })) {
-      return commit(first, changes);
-    }
+    auto first = _storeForChangeLocked(changes.front());
+    bool one = first != nullptr;
+    for (std::size_t i = 1; one && i < changes.size(); ++i) one = _storeForChangeLocked(changes[i]) == first;
+    if (one) return commit(first, changes);
   }
   // Group the changes by store, keeping their order.
   std::vector<std::pair<std::shared_ptr<NSPersistentStore>, std::vector<ZBObjectChange>>> groups;
   for (auto& change : changes) {
     std::shared_ptr<NSPersistentStore> store;
     if (change.objectID->isTemporaryID()) {
-      store = _storeForEntity(change.objectID->entity().get(), error);
+      store = _storeForEntityLocked(change.objectID->entity().get(), error);
       if (!store) return false;
     } else {
       store = change.objectID->persistentStore();

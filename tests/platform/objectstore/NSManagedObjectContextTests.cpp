@@ -321,10 +321,79 @@ TEST(NSManagedObjectContext, ChangedAndCommittedValuesTrackTheLastSave) {
   EXPECT_EQ(only(fetchAll(*stack.newContext(), "Post"))->valueForKey("title"), Value("silent"));
 
   // Programming errors are loud.
-  EXPECT_THROW(post->setValueForKey(Value(12), "title"), std::logic_error);
   EXPECT_THROW(post->valueForKey("nope"), std::logic_error);
-  EXPECT_THROW(post->setValueForKey(Value(post), "tags"), std::logic_error);
+  EXPECT_THROW(post->setValueForKey(Value(1), "nope"), std::logic_error);
   EXPECT_THROW(context->insertNewObjectForEntityForName("Nope"), std::logic_error);
+}
+
+// Outside data may hold anything: a value of the wrong kind is refused
+// without a throw, a change or a notification, and dictionaries apply the
+// rest of their entries and say what they skipped.
+TEST(NSManagedObjectContext, ValuesOfTheWrongKindAreRefusedAndTheRestApplies) {
+  TestStore stack;
+  auto context = stack.newContext();
+  auto post = insertPost(*context, "w1", "kept", {"t"});
+  auto folder = context->insertNewObjectForEntityForName("Folder");
+  post->setValueForKey(Value(folder), "folder");
+  ASSERT_TRUE(context->save());
+  const Dictionary before = post->committedValuesForKeys();
+  auto tag = post->valueForKey("tags").collectionElements().front();
+
+  int heard = 0;
+  std::vector<NSKeyValueObservation> observations;
+  for (const char* key : {"title", "date", "unread", "tags", "folder"}) {
+    observations.push_back(post->addObserver(key, NSKeyValueObservingOptions::New,
+                                             [&](const std::string&, NSObject&, const NSKeyValueChange&) { ++heard; }));
+  }
+  struct Case {
+    const char* key;
+    Value value;
+  };
+  for (const Case& wrong : std::vector<Case>{{"title", Value(12)},
+                                             {"date", Value("yesterday")},
+                                             {"unread", Value("yes")},
+                                             {"tags", Value("a b")},
+                                             {"tags", Value(Dictionary{{"t", Value(true)}})},
+                                             {"tags", tag},
+                                             {"tags", Value(Set{tag, Value(folder)})},
+                                             {"tags", Value(Array{tag, Value::null()})},
+                                             {"folder", tag}}) {
+    SCOPED_TRACE(std::string(wrong.key) + " = " + wrong.value.description());
+    NSErrorPtr error;
+    EXPECT_FALSE(post->validateValueForKey(wrong.value, wrong.key, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), NSManagedObjectValidationError);
+    EXPECT_EQ(error->userInfo()[NSValidationKeyErrorKey], Value(wrong.key));
+    EXPECT_EQ(error->userInfo()[NSValidationObjectErrorKey], Value(post));
+    post->setValueForKey(wrong.value, wrong.key);
+    post->setPrimitiveValueForKey(wrong.value, wrong.key);
+    EXPECT_FALSE(post->hasChanges());
+    EXPECT_EQ(post->committedValuesForKeys(), before);
+  }
+  EXPECT_EQ(heard, 0);
+  EXPECT_FALSE(context->hasChanges());
+
+  // A dictionary: the entries that fit are set, the others listed.
+  NSErrorPtr error;
+  EXPECT_FALSE(post->setValuesForKeysWithDictionary(
+      {{"title", Value("changed")}, {"date", Value("yesterday")}, {"shared", Value(1)}, {"tags", Value("a b")}},
+      &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSValidationMultipleErrorsError);
+  std::vector<std::string> skipped;
+  for (auto& detail : error->userInfo()[NSDetailedErrorsKey].collectionElements()) {
+    skipped.push_back(detail.as<NSError>()->userInfo()[NSValidationKeyErrorKey].asString());
+  }
+  EXPECT_EQ(skipped, (std::vector<std::string>{"date", "tags"}));
+  EXPECT_EQ(post->valueForKey("title"), Value("changed"));
+  EXPECT_EQ(post->valueForKey("shared"), Value(true));
+  EXPECT_EQ(tagTitles(post), std::vector<std::string>{"t"});
+  EXPECT_TRUE(post->setValuesForKeysWithDictionary({{"title", Value("again")}}));
+
+  // An unknown key is a programming error, found before anything is set.
+  EXPECT_THROW(post->setValuesForKeysWithDictionary({{"title", Value("never")}, {"zzz", Value(1)}}), std::logic_error);
+  EXPECT_EQ(post->valueForKey("title"), Value("again"));
+  ASSERT_TRUE(context->save());
 }
 
 TEST(NSManagedObjectContext, FaultsLoadOnFirstUseAndVanishedRowsReadEmpty) {

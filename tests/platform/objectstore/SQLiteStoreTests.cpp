@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sqlite3.h>
@@ -7,6 +9,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <set>
 
 #include "ObjectStoreTestSupport.h"
@@ -281,68 +284,128 @@ TEST(SQLiteStore, AWriterWaitsForAnotherConnectionThenGivesUp) {
   EXPECT_EQ(other.value("SELECT identifier FROM Post"), "blocked");
 }
 
+namespace {
+
+// The default VFS under another name, whose write-ahead log files write
+// through stoppingWrite: once armed, the chosen write first tells the parent
+// (one byte on a pipe) and then waits for the parent's SIGKILL, so the kill
+// lands at that very point of the save.
+enum class StopAt { FirstWrite, CommitFrame };
+bool gArmed = false;
+StopAt gStopAt = StopAt::FirstWrite;
+int gReportFd = -1;
+sqlite3_io_methods gLogMethods;  // the default VFS's, but for xWrite
+int (*gLogWrite)(sqlite3_file*, const void*, int, sqlite3_int64) = nullptr;
+
+bool isCommitFrameHeader(const void* data, int size) {
+  // A frame header is 24 bytes; bytes 4-7 hold the database size after a
+  // commit, zero in every other frame.
+  auto* bytes = static_cast<const unsigned char*>(data);
+  return size == 24 && (bytes[4] | bytes[5] | bytes[6] | bytes[7]) != 0;
+}
+
+int stoppingWrite(sqlite3_file* file, const void* data, int size, sqlite3_int64 offset) {
+  if (gArmed && (gStopAt == StopAt::FirstWrite || isCommitFrameHeader(data, size))) {
+    char byte = 'S';
+    if (write(gReportFd, &byte, 1) == 1) {
+      for (;;) pause();
+    }
+  }
+  return gLogWrite(file, data, size, offset);
+}
+
+void installStoppingVfs() {
+  static sqlite3_vfs* base = sqlite3_vfs_find(nullptr);
+  static sqlite3_vfs vfs = *base;
+  vfs.zName = "stopping";
+  vfs.xOpen = [](sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* outFlags) {
+    int rc = base->xOpen(base, name, file, flags, outFlags);
+    if (rc == SQLITE_OK && (flags & SQLITE_OPEN_WAL) && file->pMethods) {
+      gLogMethods = *file->pMethods;
+      gLogWrite = gLogMethods.xWrite;
+      gLogMethods.xWrite = stoppingWrite;
+      file->pMethods = &gLogMethods;
+    }
+    return rc;
+  };
+  sqlite3_vfs_register(&vfs, 1);
+}
+
+constexpr int kCommittedPosts = 1000;
+constexpr int kDoomedPosts = 5000;
+
+}  // namespace
+
 // The child side of the test below: runs only in the process it spawns.
-TEST(SQLiteStoreChild, SaveManyPosts) {
+TEST(SQLiteStoreChild, StopInsideALargeSave) {
   const char* path = std::getenv("ZB_OBJECTSTORE_CHILD_STORE");
   if (!path) GTEST_SKIP() << "runs in a child process only";
+  gReportFd = std::atoi(std::getenv("ZB_OBJECTSTORE_CHILD_REPORT"));
+  gStopAt =
+      std::string(std::getenv("ZB_OBJECTSTORE_CHILD_STOP")) == "commit" ? StopAt::CommitFrame : StopAt::FirstWrite;
+  installStoppingVfs();
   auto coordinator = open(path, makeTestModel(), migrationOptions(), nullptr);
   ASSERT_TRUE(coordinator);
   auto context = contextOn(coordinator);
-  for (int i = 0; i < 1000; ++i) insertPost(*context, "committed-" + std::to_string(i));
+  for (int i = 0; i < kCommittedPosts; ++i) insertPost(*context, "committed-" + std::to_string(i));
   ASSERT_TRUE(context->save());
-  for (int i = 0; i < 50000; ++i) insertPost(*context, "doomed-" + std::to_string(i));
-  std::ofstream(std::string(path) + ".saving") << "saving";
+  for (int i = 0; i < kDoomedPosts; ++i) insertPost(*context, "doomed-" + std::to_string(i));
+  gArmed = true;
   ASSERT_TRUE(context->save());
-  std::ofstream(std::string(path) + ".saved") << "saved";
+  ADD_FAILURE() << "the save ended without reaching its stopping point";
 }
 
+// The child stops at a chosen point of the write-ahead log inside its save
+// (the first write, when nothing of the save is in the log yet, and the
+// commit frame, when every other frame is), reports it and is killed there:
+// each kill lands mid-save by construction.
 TEST(SQLiteStore, AProcessKilledInALargeSaveLeavesTheLastCommittedState) {
-  TemporaryDirectory directory;
-  auto file = directory / "Killed.sqlite";
-  std::string env = "ZB_OBJECTSTORE_CHILD_STORE=" + file.string();
-  std::string filter = "--gtest_filter=SQLiteStoreChild.SaveManyPosts";
-  std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-  char* argv[] = {self.data(), filter.data(), nullptr};
-  std::vector<char*> envp;
-  for (char** e = environ; *e; ++e) envp.push_back(*e);
-  envp.push_back(env.data());
-  envp.push_back(nullptr);
-  pid_t child = 0;
-  ASSERT_EQ(posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+  std::map<std::string, std::uintmax_t> logBytes;
+  for (const std::string stop : {"first", "commit"}) {
+    SCOPED_TRACE("stopped at the " + stop + " write of the log");
+    TemporaryDirectory directory;
+    auto file = directory / "Killed.sqlite";
+    int report[2];
+    ASSERT_EQ(pipe(report), 0);
+    fcntl(report[0], F_SETFD, FD_CLOEXEC);
+    std::vector<std::string> variables{"ZB_OBJECTSTORE_CHILD_STORE=" + file.string(),
+                                       "ZB_OBJECTSTORE_CHILD_REPORT=" + std::to_string(report[1]),
+                                       "ZB_OBJECTSTORE_CHILD_STOP=" + stop};
+    std::string filter = "--gtest_filter=SQLiteStoreChild.StopInsideALargeSave";
+    std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    char* argv[] = {self.data(), filter.data(), nullptr};
+    std::vector<char*> envp;
+    for (char** e = environ; *e; ++e) envp.push_back(*e);
+    for (auto& variable : variables) envp.push_back(variable.data());
+    envp.push_back(nullptr);
+    pid_t child = 0;
+    int spawned = posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data());
+    close(report[1]);
+    ASSERT_EQ(spawned, 0);
 
-  // Wait until the child is inside the big save and its transaction has
-  // started writing pages, then kill it without warning.
-  auto saving = std::filesystem::path(file.string() + ".saving");
-  auto wal = std::filesystem::path(file.string() + "-wal");
-  std::uintmax_t walAtStart = 0;
-  bool sawSaving = false;
-  int status = 0;
-  for (;;) {
-    if (waitpid(child, &status, WNOHANG) == child) break;
-    std::error_code ec;
-    if (!sawSaving && std::filesystem::exists(saving)) {
-      sawSaving = true;
-      walAtStart = std::filesystem::file_size(wal, ec);
-    }
-    if (sawSaving && std::filesystem::file_size(wal, ec) > walAtStart + (1u << 20)) {
-      kill(child, SIGKILL);
-      waitpid(child, &status, 0);
-      break;
-    }
-    usleep(1000);
+    // The report comes once the save is inside the log; end of file means
+    // the child ended without getting there.
+    pollfd ready{report[0], POLLIN, 0};
+    char byte = 0;
+    const bool stopped = poll(&ready, 1, 120000) == 1 && read(report[0], &byte, 1) == 1;
+    close(report[0]);
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(stopped) << "the child never stopped inside its save";
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    logBytes[stop] = std::filesystem::file_size(file.string() + "-wal");
+
+    RawDatabase raw(file);
+    EXPECT_EQ(raw.value("PRAGMA integrity_check"), "ok");
+    auto coordinator = open(file, makeTestModel(), migrationOptions(), nullptr);
+    ASSERT_TRUE(coordinator);
+    auto context = contextOn(coordinator);
+    EXPECT_EQ(countOf(*context, "Post"), kCommittedPosts);
+    EXPECT_TRUE(fetchAll(*context, "Post", "identifier BEGINSWITH 'doomed-'").empty());
   }
-  ASSERT_TRUE(sawSaving) << "the child failed before its large save";
-  bool finished = std::filesystem::exists(file.string() + ".saved");
-  RecordProperty("killedMidSave", finished ? "no" : "yes");
-
-  RawDatabase raw(file);
-  EXPECT_EQ(raw.value("PRAGMA integrity_check"), "ok");
-  auto coordinator = open(file, makeTestModel(), migrationOptions(), nullptr);
-  ASSERT_TRUE(coordinator);
-  auto context = contextOn(coordinator);
-  EXPECT_EQ(countOf(*context, "Post"), finished ? 51000 : 1000);
-  EXPECT_EQ(fetchAll(*context, "Post", "identifier BEGINSWITH 'doomed-'").size(), finished ? 50000u : 0u);
-  EXPECT_TRUE(WIFSIGNALED(status) || finished);
+  // At the commit frame the log held the rest of the save, uncommitted.
+  EXPECT_GT(logBytes["commit"], logBytes["first"] + 100 * 4096);
 }
 
 TEST(SQLiteStore, ArchivedValuesSurviveASaveAndDamagedOnesReadAsAbsent) {

@@ -32,7 +32,7 @@ std::optional<Array> fetchPosts(const NSManagedObjectContextPtr& context) {
 
 int main() {
   auto coordinator = ZBTarrowDataStoreCoordinator::create();
-  coordinator->setup();  // as the application does: a missing default item is no reason to stop
+  (void)coordinator->setup();  // as the application does: a missing default item is no reason to stop
   auto context = coordinator->mainManagedObjectContext();
 
   std::vector<std::shared_ptr<NSManagedObject>> held;

@@ -42,8 +42,8 @@ public:
   // the save inserted), didCommit once the transaction committed. A save
   // that fails in between leaves the remembered counts as they were.
   struct SaveUpdate;
-  bool willWrite(const std::vector<ZBObjectChange>& changes, SaveUpdate* update, NSErrorPtr* error);
-  bool didWrite(SaveUpdate& update, const KeyOf& keyOf, NSErrorPtr* error);
+  [[nodiscard]] bool willWrite(const std::vector<ZBObjectChange>& changes, SaveUpdate* update, NSErrorPtr* error);
+  [[nodiscard]] bool didWrite(SaveUpdate& update, const KeyOf& keyOf, NSErrorPtr* error);
   void didCommit(SaveUpdate& update);
 
   std::size_t size() const { return _entries.size(); }
@@ -70,7 +70,7 @@ public:
   };
 
 private:
-  bool _checkDataVersion(NSErrorPtr* error);
+  [[nodiscard]] bool _checkDataVersion(NSErrorPtr* error);
   std::optional<std::int64_t> _countAmong(const Entry& entry, const std::vector<std::int64_t>& keys, NSErrorPtr* error);
 
   ZBSQLiteDatabase& _db;

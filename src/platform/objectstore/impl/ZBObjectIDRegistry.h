@@ -6,10 +6,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
+#include "platform/foundation/ZBMutex.h"
 #include "platform/objectstore/NSManagedObjectID.h"
 
 class NSEntityDescription;
@@ -35,6 +35,12 @@ public:
   void remove(const NSManagedObjectID* objectID);
 
 private:
+  // Gives objectID its row (published last, see NSManagedObjectID) and the
+  // table entry for it.
+  void _makePermanent(const NSManagedObjectIDPtr& objectID, const std::shared_ptr<NSPersistentStore>& store,
+                      std::uint64_t storeSerial, const std::string& storeIdentifier, std::int64_t primaryKey)
+      ZB_REQUIRES(_mutex);
+
   struct Key {
     std::uint64_t store;
     const NSEntityDescription* entity;
@@ -46,10 +52,10 @@ private:
       return std::hash<std::int64_t>()(k.pk) ^ (std::hash<const void*>()(k.entity) << 1) ^ (k.store * 0x9e3779b97f4a7c15ull);
     }
   };
-  std::mutex _mutex;
   struct Entry {
     std::weak_ptr<NSManagedObjectID> id;
     const NSManagedObjectID* raw;  // to tell a dying ID's entry from its replacement
   };
-  std::unordered_map<Key, Entry, KeyHash> _ids;
+  ZBMutex _mutex;
+  std::unordered_map<Key, Entry, KeyHash> _ids ZB_GUARDED_BY(_mutex);
 };
