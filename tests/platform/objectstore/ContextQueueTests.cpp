@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "ObjectStoreTestSupport.h"
+#include "support/TogetherThreads.h"
 
 TEST(ContextQueue, PrivateQueueRunsBlocksInOrderOneAtATime) {
   auto context = NSManagedObjectContext::create(NSPrivateQueueConcurrencyType);
@@ -11,24 +12,20 @@ TEST(ContextQueue, PrivateQueueRunsBlocksInOrderOneAtATime) {
   std::atomic<int> inside{0};
   std::atomic<bool> overlapped{false};
   constexpr int kThreads = 4, kBlocks = 300;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kBlocks; ++i) {
-        auto body = [&, t, i] {
-          if (inside.fetch_add(1) != 0) overlapped = true;
-          order.push_back(t * kBlocks + i);
-          inside.fetch_sub(1);
-        };
-        if (i % 3 == 0) {
-          context->performBlockAndWait(body);
-        } else {
-          context->performBlock(body);
-        }
+  RunTogether(kThreads, [&](int t) {
+    for (int i = 0; i < kBlocks; ++i) {
+      auto body = [&, t, i] {
+        if (inside.fetch_add(1) != 0) overlapped = true;
+        order.push_back(t * kBlocks + i);
+        inside.fetch_sub(1);
+      };
+      if (i % 3 == 0) {
+        context->performBlockAndWait(body);
+      } else {
+        context->performBlock(body);
       }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+    }
+  });
   // A waiting perform runs after everything queued before it.
   std::size_t seen = 0;
   context->performBlockAndWait([&] { seen = order.size(); });
@@ -67,6 +64,26 @@ TEST(ContextQueue, PerformBlockAndWaitIsReentrantAndNestsAcrossContexts) {
   EXPECT_EQ(depth.load(), 3);
   auto reader = stack.newContext();
   EXPECT_EQ(fetchAll(*reader, "Post").size(), 1u);
+}
+
+TEST(ContextQueue, AThrowingBlockLeavesTheQueueUsable) {
+  // The exception reaches the waiting caller, nested or not, and the queue is
+  // handed on: queued blocks still run and a later wait does not hang.
+  auto context = NSManagedObjectContext::create(NSPrivateQueueConcurrencyType);
+  std::atomic<int> ran{0};
+  for (int round = 0; round < 3; ++round) {
+    context->performBlock([&] { ++ran; });
+    EXPECT_THROW(context->performBlockAndWait([] { throw std::runtime_error("outer"); }), std::runtime_error);
+    EXPECT_THROW(context->performBlockAndWait([&] {
+      ++ran;
+      context->performBlockAndWait([] { throw std::runtime_error("nested"); });
+    }),
+                 std::runtime_error);
+  }
+  bool reached = false;
+  context->performBlockAndWait([&] { reached = true; });
+  EXPECT_TRUE(reached);
+  EXPECT_EQ(ran.load(), 6);
 }
 
 #ifndef NDEBUG
@@ -186,27 +203,23 @@ TEST(NestedContexts, ManyChildrenSaveIntoOneParentAtOnce) {
   TestStore stack;
   auto root = stack.newContext(NSPrivateQueueConcurrencyType);
   constexpr int kChildren = 7, kPosts = 60;
-  std::vector<std::thread> threads;
   std::atomic<int> failures{0};
-  for (int c = 0; c < kChildren; ++c) {
-    threads.emplace_back([&, c] {
-      auto child = NSManagedObjectContext::create(NSConfinementConcurrencyType);
-      child->setParentContext(root);
-      for (int i = 0; i < kPosts; ++i) {
-        insertPost(*child, "c" + std::to_string(c) + "-" + std::to_string(i), "", {"shared-tag-" + std::to_string(c)});
-        if (i % 20 == 19 && !child->save()) ++failures;
-      }
-      // Reads through the parent while the others write into it.
-      if (fetchAll(*child, "Post", "identifier BEGINSWITH %@", {Value("c" + std::to_string(c) + "-")}).size() != kPosts) {
-        ++failures;
-      }
-      NSErrorPtr error;
-      root->performBlockAndWait([&] {
-        if (!root->save(&error)) ++failures;
-      });
+  RunTogether(kChildren, [&](int c) {
+    auto child = NSManagedObjectContext::create(NSConfinementConcurrencyType);
+    child->setParentContext(root);
+    for (int i = 0; i < kPosts; ++i) {
+      insertPost(*child, "c" + std::to_string(c) + "-" + std::to_string(i), "", {"shared-tag-" + std::to_string(c)});
+      if (i % 20 == 19 && !child->save()) ++failures;
+    }
+    // Reads through the parent while the others write into it.
+    if (fetchAll(*child, "Post", "identifier BEGINSWITH %@", {Value("c" + std::to_string(c) + "-")}).size() != kPosts) {
+      ++failures;
+    }
+    NSErrorPtr error;
+    root->performBlockAndWait([&] {
+      if (!root->save(&error)) ++failures;
     });
-  }
-  for (auto& thread : threads) thread.join();
+  });
   EXPECT_EQ(failures.load(), 0);
   auto check = stack.newContext();
   EXPECT_EQ(check->countForFetchRequest(NSFetchRequest::fetchRequestWithEntityName("Post")), kChildren * kPosts);

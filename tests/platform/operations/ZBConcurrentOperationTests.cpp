@@ -316,7 +316,7 @@ TEST(ZBConcurrentOperation, ExceptionsFailTheirOperationAndTheJobNotTheProcess) 
     ASSERT_TRUE(error) << operation->description();
     EXPECT_EQ(error->domain(), ZBConcurrentOperationErrorDomain);
     EXPECT_EQ(error->code(), ZBConcurrentOperationExceptionError);
-    EXPECT_EQ(error->userInfo().at(NSDebugDescriptionErrorKey), Value(what));
+    EXPECT_EQ(error->userInfo()[NSDebugDescriptionErrorKey], Value(what));
   };
   // A plain block and a promise, each on its own queue.
   auto block = NSBlockOperation::blockOperationWithBlock([] { throw std::runtime_error("bad block"); });

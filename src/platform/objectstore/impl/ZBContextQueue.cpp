@@ -4,54 +4,8 @@
 #include <vector>
 
 #include "platform/operations/NSRunLoop.h"
+#include "platform/operations/impl/ZBThreadPool.h"
 
-namespace {
-
-// Threads that run the blocks of private queues. It grows when every thread
-// is busy, so a block that waits on another queue can never starve the pool.
-// Never destroyed: threads may still be running when static destructors run.
-class WorkerPool {
-public:
-  static WorkerPool& shared() {
-    static WorkerPool* pool = new WorkerPool();
-    return *pool;
-  }
-
-  void submit(std::function<void()> task) {
-    std::unique_lock lock(_mutex);
-    _tasks.push_back(std::move(task));
-    if (_idle > 0) {
-      _wake.notify_one();
-      return;
-    }
-    std::thread([this] { _run(); }).detach();
-  }
-
-private:
-  void _run() {
-    std::unique_lock lock(_mutex);
-    for (;;) {
-      while (_tasks.empty()) {
-        ++_idle;
-        _wake.wait(lock);
-        --_idle;
-      }
-      auto task = std::move(_tasks.front());
-      _tasks.pop_front();
-      lock.unlock();
-      task();
-      task = nullptr;
-      lock.lock();
-    }
-  }
-
-  std::mutex _mutex;
-  std::condition_variable _wake;
-  std::deque<std::function<void()>> _tasks;
-  int _idle = 0;
-};
-
-}  // namespace
 
 std::shared_ptr<ZBContextQueue> ZBContextQueue::create(NSManagedObjectContextConcurrencyType type) {
   return std::make_shared<ZBContextQueue>(type);
@@ -67,7 +21,7 @@ void ZBContextQueue::async(std::function<void()> block) {
       return;
     case NSPrivateQueueConcurrencyType: break;
   }
-  std::lock_guard lock(_mutex);
+  ZBMutexLock lock(_mutex);
   _items.push_back(Item{std::move(block), nullptr});
   if (!_active) _scheduleDrainLocked();
 }
@@ -99,12 +53,15 @@ void ZBContextQueue::sync(const std::function<void()>& block) {
   }
   if (_owner.load() == std::this_thread::get_id()) {
     ++_depth;
+    struct Unnest {
+      int& depth;
+      ~Unnest() { --depth; }
+    } unnest{_depth};
     block();
-    --_depth;
     return;
   }
   {
-    std::unique_lock lock(_mutex);
+    ZBMutexLock lock(_mutex);
     if (!_active && _items.empty()) {
       _active = true;
     } else {
@@ -112,17 +69,40 @@ void ZBContextQueue::sync(const std::function<void()>& block) {
       _items.push_back(Item{nullptr, &waiter});
       if (!_active) _scheduleDrainLocked();
       // The drainer hands the queue over when it reaches our marker.
-      _granted.wait(lock, [&] { return waiter.granted; });
+      lock.wait(_granted, [&] {
+        _mutex.assertHeld();
+        return waiter.granted;
+      });
     }
   }
+  // Hand the queue on even when block throws (the exception then goes on to
+  // the caller).
+  struct Release {
+    ZBContextQueue& queue;
+    ~Release() {
+      ZBMutexLock lock(queue._mutex);
+      queue._continueOrIdleLocked();
+    }
+  } release{*this};
+  _runHolding(block);
+}
+
+void ZBContextQueue::_runHolding(const std::function<void()>& block) {
   _owner.store(std::this_thread::get_id());
   _depth = 1;
+  struct Reset {
+    ZBContextQueue& queue;
+    ~Reset() {
+      queue._depth = 0;
+      queue._owner.store(std::thread::id());
+    }
+  } reset{*this};
   block();
-  _depth = 0;
-  _owner.store(std::thread::id());
-  std::lock_guard lock(_mutex);
+}
+
+void ZBContextQueue::_continueOrIdleLocked() {
   if (!_items.empty()) {
-    WorkerPool::shared().submit([self = shared_from_this()] { self->_drain(); });
+    ZBThreadPool::shared().submit([self = shared_from_this()] { self->_drain(); });
   } else {
     _active = false;
   }
@@ -130,11 +110,11 @@ void ZBContextQueue::sync(const std::function<void()>& block) {
 
 void ZBContextQueue::_scheduleDrainLocked() {
   _active = true;
-  WorkerPool::shared().submit([self = shared_from_this()] { self->_drain(); });
+  ZBThreadPool::shared().submit([self = shared_from_this()] { self->_drain(); });
 }
 
 void ZBContextQueue::_drain() {
-  std::unique_lock lock(_mutex);
+  ZBMutexLock lock(_mutex);
   while (!_items.empty()) {
     Item item = std::move(_items.front());
     _items.pop_front();
@@ -145,12 +125,15 @@ void ZBContextQueue::_drain() {
       return;
     }
     lock.unlock();
-    _owner.store(std::this_thread::get_id());
-    _depth = 1;
-    item.block();
+    try {
+      _runHolding(item.block);
+    } catch (...) {
+      // The blocks behind it still run; the exception goes on to the pool.
+      lock.lock();
+      _continueOrIdleLocked();
+      throw;
+    }
     item.block = nullptr;
-    _depth = 0;
-    _owner.store(std::thread::id());
     lock.lock();
   }
   _active = false;

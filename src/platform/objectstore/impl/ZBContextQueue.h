@@ -5,7 +5,10 @@
 // threads of a shared pool; sync() waits for the blocks queued before it and
 // then runs its block on the calling thread while holding the queue (so a
 // context's performBlockAndWait from another context's queue does not need a
-// thread switch). Both are re-entrant on the queue's own thread.
+// thread switch). Both are re-entrant on the queue's own thread. An exception
+// from a sync() block reaches its caller after the queue was handed on; one
+// from an async() block goes to the pool (see ZBThreadPool) and the blocks
+// behind it still run.
 // Main: the queue is the main run loop (see NSRunLoop).
 // Confinement: no queue; blocks run at once on the calling thread. Using the
 // context from two threads at once is detected.
@@ -17,15 +20,10 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 
-enum class NSManagedObjectContextConcurrencyType {
-  NSConfinementConcurrencyType,
-  NSPrivateQueueConcurrencyType,
-  NSMainQueueConcurrencyType,
-};
-using enum NSManagedObjectContextConcurrencyType;
+#include "platform/foundation/ZBMutex.h"
+#include "platform/objectstore/NSManagedObjectContextConcurrencyType.h"
 
 class ZBContextQueue : public std::enable_shared_from_this<ZBContextQueue> {
 public:
@@ -55,16 +53,21 @@ private:
     std::function<void()> block;
     Waiter* waiter = nullptr;
   };
-  void _scheduleDrainLocked();
+  void _scheduleDrainLocked() ZB_REQUIRES(_mutex);
   void _drain();
+  // Runs block as the queue's owner on the calling thread.
+  void _runHolding(const std::function<void()>& block);
+  // With _mutex held, after the owner let go: schedules the next drain or
+  // marks the queue idle.
+  void _continueOrIdleLocked() ZB_REQUIRES(_mutex);
 
   const NSManagedObjectContextConcurrencyType _type;
-  std::mutex _mutex;
+  ZBMutex _mutex;
   std::condition_variable _granted;
-  std::deque<Item> _items;      // guarded by _mutex
-  // Guarded by _mutex: a pool thread is draining (or about to), or a sync
-  // caller holds the queue; whoever it is runs or schedules the next item.
-  bool _active = false;
+  std::deque<Item> _items ZB_GUARDED_BY(_mutex);
+  // A pool thread is draining (or about to), or a sync caller holds the
+  // queue; whoever it is runs or schedules the next item.
+  bool _active ZB_GUARDED_BY(_mutex) = false;
   std::atomic<std::thread::id> _owner{};  // the thread holding the queue
   int _depth = 0;               // nesting on the owner thread; touched only by it
   std::atomic<std::thread::id> _user{};   // confinement: the thread inside a call
