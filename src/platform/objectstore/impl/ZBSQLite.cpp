@@ -72,20 +72,34 @@ NSErrorPtr ZBSQLiteDatabase::errorWithCode(std::int64_t code, int resultCode, co
   return NSError::create(NSCocoaErrorDomain, code, std::move(info));
 }
 
+NSErrorPtr ZBStoreError(std::int64_t code, const std::string& description, const std::string& reason) {
+  Dictionary info{{NSLocalizedDescriptionKey, Value(description)}};
+  if (!reason.empty()) info.set(NSLocalizedFailureReasonErrorKey, Value(reason));
+  return NSError::create(NSCocoaErrorDomain, code, std::move(info));
+}
+
+namespace {
+// Runs one statement of a transaction's bracket; false and *error (code
+// errorCode) when SQLite refuses it.
+bool execBracket(ZBSQLiteDatabase& db, const char* sql, std::int64_t errorCode, NSErrorPtr* error) {
+  int rc = sqlite3_exec(db.handle(), sql, nullptr, nullptr, nullptr);
+  if (rc != SQLITE_OK) return ZBSetError(error, db.errorWithCode(errorCode, rc, sql));
+  return true;
+}
+}  // namespace
+
 ZBSQLiteTransaction::~ZBSQLiteTransaction() {
   if (_open) sqlite3_exec(_db.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
 bool ZBSQLiteTransaction::begin(std::int64_t errorCode, NSErrorPtr* error) {
-  int rc = sqlite3_exec(_db.handle(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
-  if (rc != SQLITE_OK) return ZBSetError(error, _db.errorWithCode(errorCode, rc, "BEGIN IMMEDIATE"));
+  if (!execBracket(_db, "BEGIN IMMEDIATE", errorCode, error)) return false;
   _open = true;
   return true;
 }
 
 bool ZBSQLiteTransaction::commit(std::int64_t errorCode, NSErrorPtr* error) {
-  int rc = sqlite3_exec(_db.handle(), "COMMIT", nullptr, nullptr, nullptr);
-  if (rc != SQLITE_OK) return ZBSetError(error, _db.errorWithCode(errorCode, rc, "COMMIT"));
+  if (!execBracket(_db, "COMMIT", errorCode, error)) return false;
   _open = false;
   return true;
 }

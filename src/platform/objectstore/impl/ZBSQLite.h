@@ -130,5 +130,9 @@ private:
   bool _open = false;
 };
 
+// A store failure that is not SQLite's own, in NSCocoaErrorDomain: code, the
+// description for users and, when not empty, the failure reason.
+NSErrorPtr ZBStoreError(std::int64_t code, const std::string& description, const std::string& reason);
+
 // "name" with inner quotes doubled: identifiers are always quoted.
 std::string ZBSQLQuote(std::string_view identifier);

@@ -1,15 +1,6 @@
 #pragma once
-// The SQLite side of a persistent store: schema creation and lightweight
-// migration, and the reads and writes the coordinator asks for.
-//
-// Schema: a table per entity named after it, with "Z_PK" (primary key, never
-// reused), "Z_OPT" (row version, bumped by every write, for optimistic
-// locking), a column per attribute and a column per to-one relationship
-// (holding the destination's Z_PK), all named after their properties. A
-// many-to-many relationship gets a join table "<Entity>_<relationship>" whose
-// two columns are named after the two entities. Indexed attributes and every
-// relationship column are indexed. The table "Z_METADATA" holds the store's
-// UUID, its type and the model fingerprint it was last written with.
+// The reads and writes of a persistent store over one SQLite file, laid out
+// by its ZBSQLiteSchema (which also creates and migrates the file on open).
 //
 // Thread-safety: requires external synchronisation (the coordinator's lock).
 
@@ -26,35 +17,8 @@
 #include "platform/objectstore/NSManagedObjectModel.h"
 #include "platform/objectstore/impl/ZBCountMemo.h"
 #include "platform/objectstore/impl/ZBSQLite.h"
+#include "platform/objectstore/impl/ZBSQLiteSchema.h"
 #include "platform/objectstore/impl/ZBStoreTypes.h"
-
-struct ZBRelationshipLayout {
-  enum class Kind : std::uint8_t {
-    ForeignKey,         // a column of this entity's table holds the destination
-    InverseForeignKey,  // a column of the destination's table points back here
-    JoinTable,          // a join table (many-to-many, or to-many without inverse)
-  };
-  Kind kind = Kind::ForeignKey;
-  std::string column;          // ForeignKey: own column; InverseForeignKey: the destination's column
-  std::string joinTable;       // JoinTable: table and the columns holding this side and the other side
-  std::string selfColumn;
-  std::string otherColumn;
-  bool writesJoinRows = false;  // the one side of a join table that writes its rows
-  const NSRelationshipDescription* relationship = nullptr;
-  std::shared_ptr<NSEntityDescription> destination;
-  std::string destinationTable;
-};
-
-struct ZBEntityLayout {
-  std::shared_ptr<NSEntityDescription> entity;
-  std::string table;                           // quoted
-  std::vector<std::string> attributeColumns;  // quoted, by attribute index
-  std::vector<ZBRelationshipLayout> relationships;  // by relationship index
-  // SELECT list over alias t0: Z_PK, Z_OPT, every attribute, then every
-  // to-one relationship (in relationship order).
-  std::string selectList;
-  std::vector<std::size_t> toOneRelationships;
-};
 
 // Parts of a query over one entity's table, aliased t0. Values are bound.
 struct ZBStoreQuery {
@@ -67,9 +31,8 @@ struct ZBStoreQuery {
 
 class ZBSQLiteStore {
 public:
-  struct OpenOptions {
-    bool migrate = false;        // lightweight migration to the model allowed
-    bool inferMapping = false;   // mapping inferred from the two schemas
+  // The migration options (migrate, inferMapping), with the connection's own.
+  struct OpenOptions : ZBSQLiteSchema::MigrationOptions {
     double busyTimeoutSeconds = 240;  // how long a writer waits for another connection's lock
   };
   using IDMaker = std::function<NSManagedObjectIDPtr(const std::shared_ptr<NSEntityDescription>&, std::int64_t)>;
@@ -83,7 +46,7 @@ public:
                                              NSErrorPtr* error);
 
   const std::string& identifier() const { return _identifier; }
-  const ZBEntityLayout* layout(const NSEntityDescription* entity) const;
+  const ZBEntityLayout* layout(const NSEntityDescription* entity) const { return _schema.layout(entity); }
   ZBSQLiteDatabase& database() { return *_db; }
   void setIDMaker(IDMaker maker) { _makeID = std::move(maker); }
 
@@ -116,23 +79,29 @@ public:
   static Value readColumn(const ZBSQLiteStatement& statement, int column, const NSAttributeDescription& attribute);
 
 private:
+  struct SaveBatch;
+
+  explicit ZBSQLiteStore(ZBSQLiteSchema schema) : _schema(std::move(schema)) {}
   bool _configure(const OpenOptions& options, NSErrorPtr* error);
-  bool _prepareSchema(const OpenOptions& options, NSErrorPtr* error);
-  bool _buildLayouts(NSErrorPtr* error);
-  std::string _createTableSQL(const ZBEntityLayout& layout) const;
-  std::vector<std::string> _indexSQL() const;
-  bool _migrate(const std::string& storedFingerprint, const OpenOptions& options, NSErrorPtr* error);
+  const ZBEntityLayout* _layoutOrError(const NSEntityDescription* entity, NSErrorPtr* error) const;
   bool _readRow(ZBSQLiteStatement& statement, const ZBEntityLayout& layout, ZBRowSnapshot* row);
   bool _bindAttribute(ZBSQLiteStatement& statement, int index, const NSAttributeDescription& attribute,
                       const Value& value, std::vector<Data>& keepAlive, NSErrorPtr* error);
 
+  // The steps of save, in order, inside its transaction.
+  bool _insertRows(SaveBatch& batch);
+  bool _writeDeferredKeys(SaveBatch& batch);
+  bool _updateRows(SaveBatch& batch);
+  bool _writeJoinRows(SaveBatch& batch);
+  bool _deleteRows(SaveBatch& batch);
+  bool _clearReferences(const ZBEntityLayout& layout, std::int64_t pk, SaveBatch& batch);
+  bool _recordConflict(const ZBEntityLayout& layout, const ZBObjectChange& change, SaveBatch& batch);
+  bool _saveFailure(int resultCode, const std::string& what, NSErrorPtr* error) const;
+
+  ZBSQLiteSchema _schema;
   std::unique_ptr<ZBSQLiteDatabase> _db;
   std::filesystem::path _path;
   std::string _identifier;
-  std::string _configuration;
-  std::string _fingerprint;
-  std::vector<std::shared_ptr<NSEntityDescription>> _entities;
-  std::unordered_map<const NSEntityDescription*, ZBEntityLayout> _layouts;
   IDMaker _makeID;
   std::unique_ptr<ZBCountMemo> _counts;
 };
