@@ -632,6 +632,16 @@ void NSExpression::_appendFormat(std::string& out) const {
       out += ')';
       return;
     case NSExpressionType::Function: {
+      // Arguments after `separator` (the first) and ", " (the rest); a missing one prints nil.
+      auto appendArguments = [&](const char* separator) {
+        for (std::size_t i = 0; i < _arguments.size(); ++i) {
+          out += i == 0 ? separator : ", ";
+          if (_arguments[i])
+            _arguments[i]->_appendFormat(out);
+          else
+            out += "nil";
+        }
+      };
       if (_operand) {
         // The space before the comma after the selector is how the platform
         // prints it: FUNCTION(a, "pow:" , 3).
@@ -639,13 +649,7 @@ void NSExpression::_appendFormat(std::string& out) const {
         _operand->_appendFormat(out);
         out += ", ";
         ZBPredicateAppendQuotedString(out, _name);
-        for (std::size_t i = 0; i < _arguments.size(); ++i) {
-          out += i == 0 ? " , " : ", ";
-          if (_arguments[i])
-            _arguments[i]->_appendFormat(out);
-          else
-            out += "nil";
-        }
+        appendArguments(" , ");
         out += ')';
         return;
       }
@@ -676,13 +680,7 @@ void NSExpression::_appendFormat(std::string& out) const {
       // name:(args) for one-argument functions, name() for nullary ones.
       out += _name;
       out += '(';
-      for (std::size_t i = 0; i < _arguments.size(); ++i) {
-        if (i) out += ", ";
-        if (_arguments[i])
-          _arguments[i]->_appendFormat(out);
-        else
-          out += "nil";
-      }
+      appendArguments("");
       out += ')';
       return;
     }
