@@ -170,7 +170,7 @@ TEST(PredicateFormat, SubstitutesArgumentsStructurally) {
   EXPECT_EQ(printed("%K == 1", {"first"}), "#first == 1");
   EXPECT_EQ(printed("%K == 1", {"has space"}), "has\\x20space == 1");
   EXPECT_EQ(printed("%K & %@ == %K", {"flags", 4, "flags"}), "flags & 4 == flags");
-  EXPECT_EQ(printed("min(%@) == 1", {Array{1, 2}}), "min:({1, 2}) == 1");
+  EXPECT_EQ(printed("min(%@) == 1", {Value(Array{1, 2})}), "min:({1, 2}) == 1");
   EXPECT_EQ(printed("FUNCTION(%K, %@) == 3", {"name", "length"}), "FUNCTION(name, \"length\") == 3");
   // A key beginning with '$' prints as written except first in a path, where
   // it would read back as a variable.
