@@ -15,17 +15,7 @@
 #include "platform/foundation/NSUserDefaults.h"
 #include "platform/pinboardkit/ZBPinboardClient.h"
 #include "support/TemporaryDirectory.h"
-
-// Polls condition until it holds; false once a bound passes that means "never"
-// rather than "slow", so a test that would hang fails instead.
-inline bool WaitUntil(const std::function<bool()>& condition, double seconds = 60) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
+#include "support/WaitUntil.h"
 
 class PinboardClientTest : public ::testing::Test {
 protected:

@@ -9,6 +9,7 @@
 #include "pinboard-sim/Simulator.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TogetherThreads.h"
+#include "support/WaitUntil.h"
 
 using namespace pinboard_sim;
 using nlohmann::json;
@@ -673,7 +674,7 @@ TEST(SimulatorExecutable, PrintsItsAddressAndServesSeededUsers) {
   kill(pid, SIGTERM);
   pclose(out);
   // The simulator writes its state on the way out; wait for it to be gone.
-  for (int i = 0; i < 6000 && kill(pid, 0) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_TRUE(WaitUntil([pid] { return kill(pid, 0) != 0; }));
   Simulator restored;
   ASSERT_TRUE(restored.loadSeedFile(state));
   EXPECT_EQ(restored.bookmarkCount("eve"), 29u) << "the state file holds the deletion";
