@@ -26,13 +26,35 @@ bool excludedByChain(const ZBExclusionChain& chain, const NSManagedObjectID* obj
   return false;
 }
 
-std::unordered_set<std::int64_t> storedKeysOf(const ZBExclusionChain& chain, const NSEntityDescription* entity) {
-  std::unordered_set<std::int64_t> keys;
-  for (auto* pending : chain) {
-    if (auto* group = pending->forEntity(entity)) keys.insert(group->storedKeys.begin(), group->storedKeys.end());
+// The stored rows that levels above stand in for, read in place: copying
+// them for every fetch would make a run of fetches under a context with many
+// changes quadratic.
+class StoredKeys {
+public:
+  StoredKeys(const ZBExclusionChain& chain, const NSEntityDescription* entity) {
+    for (auto* pending : chain) {
+      if (auto* group = pending->forEntity(entity); group && !group->storedKeys.empty()) {
+        _sets.push_back(&group->storedKeys);
+        _total += group->storedKeys.size();
+      }
+    }
   }
-  return keys;
-}
+  bool empty() const { return _total == 0; }
+  // An upper bound (a key may be held at two levels).
+  std::size_t size() const { return _total; }
+  bool contains(std::int64_t key) const {
+    return std::any_of(_sets.begin(), _sets.end(), [&](auto* set) { return set->count(key) != 0; });
+  }
+  std::unordered_set<std::int64_t> distinct() const {
+    std::unordered_set<std::int64_t> keys;
+    for (auto* set : _sets) keys.insert(set->begin(), set->end());
+    return keys;
+  }
+
+private:
+  std::vector<const std::unordered_set<std::int64_t>*> _sets;
+  std::size_t _total = 0;
+};
 
 // The pending objects of group that the plan matches, except deleted ones
 // and those a level above stands in for.
@@ -102,7 +124,7 @@ bool NSManagedObjectContext::Impl::_collectRows(const ZBFetchPlan& plan, ZBExclu
                                            "The context has no persistent store coordinator."));
   } else {
     ok = _coordinator->_withStore(plan.entity.get(), error, [&](ZBSQLiteStore& store) {
-      auto keys = storedKeysOf(chain, plan.entity.get());
+      StoredKeys keys(chain, plan.entity.get());
       ZBStoreQuery query = plan.query;
       if (plan.predicateInSQL && plan.sortInSQL && plan.limit > 0) {
         query.limit = static_cast<std::int64_t>(plan.limit + keys.size());
@@ -116,7 +138,7 @@ bool NSManagedObjectContext::Impl::_collectRows(const ZBFetchPlan& plan, ZBExclu
         const std::size_t width = plan.properties.size();
         std::size_t kept = first;
         for (std::size_t row = 0; row < found.size(); ++row) {
-          if (keys.count(found[row])) continue;
+          if (keys.contains(found[row])) continue;
           std::size_t from = first + row * width;
           if (from != kept) {
             for (std::size_t c = 0; c < width; ++c) (*values)[kept + c] = std::move((*values)[from + c]);
@@ -159,7 +181,7 @@ std::optional<std::int64_t> NSManagedObjectContext::Impl::_countRows(const ZBFet
       query.limit = 0;
       auto total = store.count(query, error, true);
       if (!total) return false;
-      auto keys = storedKeysOf(chain, plan.entity.get());
+      StoredKeys keys(chain, plan.entity.get());
       if (keys.empty()) {
         below = total;
         return true;
@@ -169,7 +191,7 @@ std::optional<std::int64_t> NSManagedObjectContext::Impl::_countRows(const ZBFet
       if (keys.size() <= kKeyBatch) {
         ZBStoreQuery among = query;
         std::string list;
-        for (auto key : keys) {
+        for (auto key : keys.distinct()) {
           list += list.empty() ? "?" : ", ?";
           among.parameters.push_back(Value(key));
         }
@@ -180,7 +202,7 @@ std::optional<std::int64_t> NSManagedObjectContext::Impl::_countRows(const ZBFet
       } else {
         std::vector<std::int64_t> matching;
         if (!store.fetchPrimaryKeys(query, &matching, error)) return false;
-        for (auto key : matching) shadowed += keys.count(key) ? 1 : 0;
+        for (auto key : matching) shadowed += keys.contains(key) ? 1 : 0;
       }
       below = *total - shadowed;
       return true;
