@@ -22,7 +22,7 @@ Bookmark bookmark(std::string url, std::string title, std::vector<std::string> t
   b.url = std::move(url);
   b.title = std::move(title);
   b.tags = std::move(tags);
-  b.time = 1700000000;
+  b.time = 1.7e9;
   return b;
 }
 

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -58,6 +59,8 @@ private:
 class SyncTest : public ::testing::Test {
 protected:
   void SetUp() override {
+    NSUserDefaults::setStandardUserDefaultsPath(dir.path() / "standard.plist");
+    sim.setClock([this] { return simNow.load(); });
     ASSERT_TRUE(sim.start());
     token = sim.addAccount({.username = "alice"});
     defaults = NSUserDefaults::create(dir.path() / "defaults.plist");
@@ -76,6 +79,8 @@ protected:
     ASSERT_TRUE(stack->setup(&error)) << (error ? error->description() : "");
     root = stack->rootManagedObjectContext();
   }
+
+  void TearDown() override { NSUserDefaults::setStandardUserDefaultsPath({}); }
 
   void makeClient(std::shared_ptr<ZBHTTPTransport> transport) {
     client = ZBPinboardClient::create(defaults, std::move(transport));
@@ -152,6 +157,14 @@ protected:
     });
   }
 
+  // Moves the simulator's clock on: its update time has one-second
+  // resolution, so changes a test tells apart must be seconds apart.
+  std::int64_t tick(double seconds = 1) {
+    simNow = simNow.load() + seconds;
+    return static_cast<std::int64_t>(simNow.load());
+  }
+
+  std::atomic<double> simNow{1.75e9};
   StoreEnvironment environment;
   TemporaryDirectory dir;
   pinboard_sim::Simulator sim;

@@ -1,0 +1,110 @@
+#pragma once
+// ZBTarrowPinboardRefreshOperation: one synchronisation of the local store
+// with the user's account. It pushes the local edits, tidies the store, then
+// (unless refreshLocalChangesOnly) asks the service what changed since the
+// last refresh and merges it: the bookmarks changed since then, the whole
+// list (which also removes what the service no longer has), starred
+// bookmarks, and the source of each bookmark.
+//
+// Phases, each with its status text: 1 "Retrieving local changes…",
+// 2 "Sending local changes to Pinboard…", 3 "Cleanup local data…" (tags no
+// post uses), 4 "Retrieving last update date…", 5 "Refreshing latest
+// bookmarks…" (ends the run when the service's date equals the stored one),
+// 6 "Refreshing all bookmarks from Pinboard…", 7 "Retrieving starred bookmarks
+// from Pinboard…", 8 "Retrieving bookmark sources from Pinboard…" (seven
+// source feeds at once). Phases 2 to 8 first check for cancellation.
+//
+// Result: true; or the first error met, unchanged (a cancellation at a phase
+// boundary is NSUserCancelledError). What was saved before stays saved: the
+// context is saved after the pushes even when one failed, and the service's
+// date is stored (ZBTarrowPinboardRefreshOperationLastUpdateTimestampDefaultKey
+// in the standard user defaults) as soon as phase 5 has merged.
+//
+// Merges never overwrite a dirty or deleting post, skip every bookmark whose
+// meta is unchanged (a refresh of an unchanged account writes no row), never
+// empty the store on an empty answer, and keep a dirty post the service does
+// not have (a local creation). Their cost is linear in the account's size: a
+// hash map of the local identifiers and metas, fetches and deletes in
+// batches, a tag cache instead of a lookup per tag.
+//
+// Lifetime: held by std::shared_ptr (create). managedObjectContext is a
+// private-queue or main-queue context (the coordinator's root context): the
+// refresh saves it on its own queue and reads and writes it only through child
+// contexts. `status` may be read and observed from any thread; it changes on
+// work threads.
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "platform/foundation/ZBMutex.h"
+#include "platform/objectstore/NSManagedObjectContext.h"
+#include "platform/operations/ZBConcurrentOperation.h"
+#include "platform/pinboardkit/ZBPinboardClient.h"
+
+// "pinboardLastUpdateTimestamp": the service's date of the last merged change.
+extern const std::string ZBTarrowPinboardRefreshOperationLastUpdateTimestampDefaultKey;
+// "status"
+extern const std::string ZBTarrowPinboardRefreshOperationStatusKey;
+
+class ZBTarrowPinboardRefreshOperation final : public ZBConcurrentOperation {
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
+public:
+  static std::shared_ptr<ZBTarrowPinboardRefreshOperation> create(std::shared_ptr<ZBPinboardClient> pinboardClient,
+                                                                  NSManagedObjectContextPtr managedObjectContext);
+  ZBTarrowPinboardRefreshOperation(Passkey, std::shared_ptr<ZBPinboardClient> pinboardClient,
+                                   NSManagedObjectContextPtr managedObjectContext);
+
+  const std::shared_ptr<ZBPinboardClient>& pinboardClient() const { return _client; }
+  const NSManagedObjectContextPtr& managedObjectContext() const { return _context; }
+  // The localised text of the phase that started last; empty before.
+  std::string status() const;
+  // Set before the operation is queued.
+  bool refreshLocalChangesOnly() const { return _localOnly.load(); }
+  void setRefreshLocalChangesOnly(bool value) { _localOnly.store(value); }
+
+  // The source number stored in a post (1 to 7) → the feed's source name
+  // ("twitter", …), or empty for any other number.
+  static std::string feedSourceFromSource(std::int64_t source);
+
+  // "status", plus the base's keys.
+  Value valueForKey(const std::string& key) const override;
+  std::string className() const override { return "ZBTarrowPinboardRefreshOperation"; }
+
+protected:
+  void setupOperations(const ZBAddWorkOperation& addWorkOperation) override;
+
+private:
+  void _setStatus(std::string status);
+  // Phases.
+  void _processStaleLocalData(const ZBAddWorkOperation& addWorkOperation);
+  void _processDirtyLocalPosts(Array dirtyPosts, Array dirtyTags, const ZBAddWorkOperation& addWorkOperation);
+  void _cleanupLocalData(const ZBAddWorkOperation& addWorkOperation);
+  void _fetchLastUpdateDateAndRefreshPostsFromServer(const ZBAddWorkOperation& addWorkOperation);
+  void _refreshPostsFromDate(const Value& fromDate, const Value& toDate, const ZBAddWorkOperation& addWorkOperation);
+  void _refreshAllPostsFromServer(const ZBAddWorkOperation& addWorkOperation);
+  void _refreshStarredPostsFromServer(const ZBAddWorkOperation& addWorkOperation);
+  void _refreshSourcePostsFromServer(const ZBAddWorkOperation& addWorkOperation);
+  std::shared_ptr<ZBPromiseOperation> _createRefreshSourcePostsFromServerOperation(
+      std::int64_t source, const ZBAddWorkOperation& addWorkOperation);
+
+  // Merges (ZBTarrowPinboardRefreshOperation+Merge.cpp). Each works in a
+  // child context of the refresh's context, saves it, then saves the
+  // refresh's context; false with the error of the fetch or save that failed.
+  bool _updatePostsWithServerPostsMetadata(const Array& serverPosts, bool checkStaleLocalData, NSErrorPtr* error);
+  bool _updatePostsWithServerFeedPostsMetadata(const Array& feedPosts, const std::string& attribute,
+                                               const Value& value, NSErrorPtr* error);
+  // A child context of the refresh's context: confinement type, no undo.
+  NSManagedObjectContextPtr _childContext() const;
+  // Saves the child, then the refresh's context on its own queue.
+  bool _saveChildAndContext(const NSManagedObjectContextPtr& child, NSErrorPtr* error);
+
+  const std::shared_ptr<ZBPinboardClient> _client;
+  const NSManagedObjectContextPtr _context;
+  std::atomic<bool> _localOnly{false};
+  mutable ZBMutex _statusMutex;
+  std::string _status ZB_GUARDED_BY(_statusMutex);
+};

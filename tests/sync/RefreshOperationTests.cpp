@@ -1,0 +1,294 @@
+// The refresh against the simulator: what it merges, what it leaves alone,
+// where it stops.
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <map>
+#include <set>
+
+#include "platform/predicate/ZBStringFolding.h"
+#include "sync/SyncTestSupport.h"
+#include "sync/ZBTarrowDataError.h"
+#include "sync/ZBTarrowPinboardRefreshOperation.h"
+
+namespace {
+
+using pinboard_sim::Bookmark;
+
+class RefreshTest : public SyncTest {
+protected:
+  Value refresh(NSErrorPtr* error = nullptr, bool localOnly = false) {
+    auto op = ZBTarrowPinboardRefreshOperation::create(client, root);
+    op->setRefreshLocalChangesOnly(localOnly);
+    return run(op, error);
+  }
+  void expectRefreshes() {
+    NSErrorPtr error;
+    EXPECT_EQ(refresh(&error), Value(true)) << (error ? error->description() : "");
+  }
+
+  // Every local post by URL, read from the store in a fresh context.
+  std::map<std::string, Dictionary> localPosts() {
+    auto context = NSManagedObjectContext::create(NSPrivateQueueConcurrencyType);
+    context->setPersistentStoreCoordinator(stack->persistentStoreCoordinator());
+    std::map<std::string, Dictionary> posts;
+    context->performBlockAndWait([&] {
+      auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
+      auto objects = context->executeFetchRequest(*request);
+      ASSERT_TRUE(objects);
+      for (const Value& v : *objects) {
+        auto post = v.as<ZBTarrowPinboardPost>();
+        posts[post->url().value_or("")] = post->dictionaryRepresentation();
+      }
+    });
+    return posts;
+  }
+
+  // The local posts equal the service's bookmarks, field by field, and
+  // nothing is left to push.
+  void expectInStep() {
+    auto local = localPosts();
+    auto server = sim.bookmarks("alice");
+    EXPECT_EQ(local.size(), server.size());
+    for (const Bookmark& b : server) {
+      SCOPED_TRACE(b.url);
+      auto it = local.find(b.url);
+      ASSERT_NE(it, local.end());
+      const Dictionary& p = it->second;
+      EXPECT_EQ(p[ZBTarrowPinboardPostIdentifierKey], Value(b.hash));
+      EXPECT_EQ(p[ZBTarrowPinboardPostMetaKey], Value(b.meta));
+      EXPECT_EQ(p[ZBTarrowPinboardPostTitleKey].asString(), b.title);
+      EXPECT_EQ(p[ZBTarrowPinboardPostDescKey].asString(), b.extended);
+      // Tags differing only in case are one tag here, spelled as first seen.
+      std::set<std::string> local, remote;
+      for (const Value& t : p[ZBTarrowPinboardPostTagsKey].collectionElements()) local.insert(ZBFoldString(t.asString(), true, false));
+      for (const auto& t : b.tags) remote.insert(ZBFoldString(t, true, false));
+      EXPECT_EQ(local, remote);
+      EXPECT_EQ(p[ZBTarrowPinboardPostSharedKey].boolValue(), b.shared);
+      EXPECT_EQ(p[ZBTarrowPinboardPostUnreadKey].boolValue(), b.toread);
+      EXPECT_FALSE(p[ZBTarrowPinboardObjectDirtyKey].boolValue());
+    }
+  }
+
+  // How many transactions other connections committed to the Pinboard store
+  // since the last call (PRAGMA data_version, read on a connection of our own).
+  int commitsSince() {
+    if (!_db) {
+      auto path = environment.stores() / "Pinboard" / "Pinboard.sqlite";
+      EXPECT_EQ(sqlite3_open_v2(path.c_str(), &_db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+    }
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(_db, "PRAGMA data_version", -1, &statement, nullptr);
+    sqlite3_step(statement);
+    int version = sqlite3_column_int(statement, 0);
+    sqlite3_finalize(statement);
+    int changes = version - _version;
+    _version = version;
+    return changes;
+  }
+  ~RefreshTest() override {
+    if (_db) sqlite3_close(_db);
+  }
+
+  Value storedDate() {
+    return NSUserDefaults::standardUserDefaults()->objectForKey(
+        ZBTarrowPinboardRefreshOperationLastUpdateTimestampDefaultKey);
+  }
+
+private:
+  sqlite3* _db = nullptr;
+  int _version = 0;
+};
+
+Bookmark bookmark(std::string url, std::string title, std::vector<std::string> tags = {}) {
+  Bookmark b;
+  b.url = std::move(url);
+  b.title = std::move(title);
+  b.tags = std::move(tags);
+  b.time = 1.7e9;
+  return b;
+}
+
+TEST_F(RefreshTest, FirstRefreshTakesEverythingAndAnUnchangedAccountWritesNothing) {
+  ASSERT_TRUE(sim.generateBookmarks("alice", 300));
+  ASSERT_TRUE(sim.setStarred("alice", sim.bookmarks("alice")[3].url, true));
+  ASSERT_TRUE(sim.setSource("alice", sim.bookmarks("alice")[5].url, "pocket"));
+  auto op = ZBTarrowPinboardRefreshOperation::create(client, root);
+  std::vector<std::string> statuses;
+  auto observation = op->addObserver("status", NSKeyValueObservingOptions::None,
+                                     [&](const std::string&, NSObject& o, const NSKeyValueChange&) {
+                                       statuses.push_back(o.valueForKey("status").asString());
+                                     });
+  EXPECT_EQ(run(op), Value(true));
+  observation.invalidate();
+  EXPECT_EQ(statuses, (std::vector<std::string>{
+                          "Retrieving local changes…", "Sending local changes to Pinboard…", "Cleanup local data…",
+                          "Retrieving last update date…", "Refreshing latest bookmarks…",
+                          "Refreshing all bookmarks from Pinboard…", "Retrieving starred bookmarks from Pinboard…",
+                          "Retrieving bookmark sources from Pinboard…"}));
+  expectInStep();
+  auto local = localPosts();
+  EXPECT_EQ(local[sim.bookmarks("alice")[3].url][ZBTarrowPinboardPostStarredKey], Value(true));
+  EXPECT_EQ(local[sim.bookmarks("alice")[5].url][ZBTarrowPinboardPostSourceKey], Value(4));
+  EXPECT_EQ(storedDate(), Value(NSDate::dateWithTimeIntervalSince1970(static_cast<double>(sim.updateTime("alice")))));
+
+  // Nothing changed: one request, no transaction.
+  commitsSince();
+  sim.clearRequestLog();
+  expectRefreshes();
+  EXPECT_EQ(commitsSince(), 0);
+  auto log = sim.requestLog();
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].path, "/v1/posts/update");
+
+  // Changed on the service (even with the stored date gone): merged, and the
+  // full list runs again.
+  tick();
+  Bookmark edited = sim.bookmarks("alice")[7];
+  edited.title = "Changed there";
+  ASSERT_TRUE(sim.addBookmark("alice", edited));
+  NSUserDefaults::standardUserDefaults()->removeObject(ZBTarrowPinboardRefreshOperationLastUpdateTimestampDefaultKey);
+  expectRefreshes();
+  expectInStep();
+}
+
+// Local edits made while the service's list is on its way win over it; the
+// stale pass spares local creations and edits but not local deletes; a
+// bookmark whose tags were all removed there loses them here; starred is
+// never cleared by the feed.
+TEST_F(RefreshTest, MergeRulesAgainstEditsMadeDuringTheRun) {
+  for (const char* url : {"https://x.example/", "https://y.example/", "https://z.example/", "https://w.example/",
+                          "https://s.example/"})
+    ASSERT_TRUE(sim.addBookmark("alice", bookmark(url, "T", {"t1", "t2"})));
+  ASSERT_TRUE(sim.setStarred("alice", "https://s.example/", true));
+  expectRefreshes();
+
+  tick();
+  Bookmark x = *sim.bookmark("alice", "https://x.example/");
+  x.title = "theirs";
+  ASSERT_TRUE(sim.addBookmark("alice", x));
+  Bookmark w = *sim.bookmark("alice", "https://w.example/");
+  w.tags.clear();
+  ASSERT_TRUE(sim.addBookmark("alice", w));
+  // posts/delete through the API, as another client would.
+  for (const char* url : {"https://y.example/", "https://z.example/"}) {
+    auto op = client->deletePostWithProperties(Dictionary{{ZBTarrowPinboardPostURLKey, Value(url)}});
+    ASSERT_TRUE(run(op));
+  }
+  ASSERT_TRUE(sim.setStarred("alice", "https://s.example/", false));
+
+  auto gate = std::make_shared<GateTransport>("posts/all");
+  makeClient(gate);
+  auto op = ZBTarrowPinboardRefreshOperation::create(client, root);
+  auto queue = NSOperationQueue::create();
+  queue->addOperation(op);
+  ASSERT_TRUE(gate->waitForHeld());
+  root->performBlockAndWait([&] {
+    auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
+    for (const Value& v : fetched(*request)) {
+      auto post = v.as<ZBTarrowPinboardPost>();
+      if (post->url() == "https://x.example/") post->setTitle("mine");
+      if (post->url() != "https://x.example/" && post->url() != "https://y.example/" &&
+          post->url() != "https://z.example/")
+        continue;
+      post->setDirty(true);
+      if (post->url() == "https://z.example/") post->setDeleting(true);
+    }
+    ASSERT_TRUE(root->save());
+  });
+  gate->open();
+  op->waitUntilFinished();
+  NSErrorPtr error;
+  EXPECT_EQ(op->completionProvider()(&error), Value(true)) << (error ? error->description() : "");
+
+  auto local = localPosts();
+  EXPECT_EQ(local["https://x.example/"][ZBTarrowPinboardPostTitleKey], Value("mine"));
+  EXPECT_EQ(local["https://x.example/"][ZBTarrowPinboardObjectDirtyKey], Value(true));
+  ASSERT_TRUE(local.count("https://y.example/"));  // dirty, not deleting: a local edit survives
+  EXPECT_FALSE(local.count("https://z.example/"));  // deleted on both sides
+  EXPECT_EQ(local["https://w.example/"][ZBTarrowPinboardPostTagsKey], Value(Set()));
+  EXPECT_EQ(local["https://s.example/"][ZBTarrowPinboardPostStarredKey], Value(true));
+
+  // The next run pushes the survivors and settles.
+  expectRefreshes();
+  EXPECT_EQ(sim.bookmark("alice", "https://x.example/")->title, "mine");
+  expectInStep();
+}
+
+TEST_F(RefreshTest, EmptyAnswersRemoveNothingAndTheDateIsKeptWhenALaterPhaseFails) {
+  addPost("https://kept.example/", "Kept", false, false, {"tag"});
+  // The service has nothing: both lists come back empty and delete nothing.
+  expectRefreshes();
+  EXPECT_EQ(localPosts().size(), 1u);
+
+  Bookmark added = bookmark("https://new.example/", "New");
+  added.time = tick();  // a new bookmark moves the service's date
+  ASSERT_TRUE(sim.addBookmark("alice", added));
+  sim.addFault(*pinboard_sim::Fault::parse("/json/*:status=500"));
+  NSErrorPtr error;
+  EXPECT_FALSE(refresh(&error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), ZBPinboardKitErrorDomain);
+  EXPECT_EQ(storedDate(), Value(NSDate::dateWithTimeIntervalSince1970(static_cast<double>(sim.updateTime("alice")))));
+  EXPECT_TRUE(localPosts().count("https://new.example/"));
+  sim.clearFaults();
+  sim.clearRequestLog();
+  expectRefreshes();  // the date has not moved: the run ends at phase 5
+  EXPECT_EQ(sim.requestLog().size(), 1u);
+}
+
+TEST_F(RefreshTest, LocalOnlyRunsPushAndTidyAndAskNothingElse) {
+  addPost("https://mine.example/", "Mine", true, false, {"t"});
+  addPost("https://gone.example/", "Gone", true, true, {"orphan"});
+  ASSERT_TRUE(sim.addBookmark("alice", bookmark("https://gone.example/", "Gone", {"orphan"})));
+  NSErrorPtr error;
+  EXPECT_EQ(refresh(&error, true), Value(true)) << (error ? error->description() : "");
+  std::set<std::string> paths;
+  for (const auto& r : sim.requestLog()) paths.insert(r.path);
+  EXPECT_EQ(paths, (std::set<std::string>{"/v1/posts/add", "/v1/posts/delete"}));
+  EXPECT_TRUE(sim.bookmark("alice", "https://mine.example/"));
+  EXPECT_FALSE(sim.bookmark("alice", "https://gone.example/"));
+  root->performBlockAndWait([&] {
+    auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardTagEntityName);
+    std::set<std::string> titles;
+    for (const Value& v : fetched(*request)) titles.insert(*v.as<ZBTarrowPinboardTag>()->title());
+    EXPECT_EQ(titles, std::set<std::string>{"t"});  // "orphan" lost its last post
+  });
+  EXPECT_FALSE(storedDate());
+}
+
+TEST_F(RefreshTest, AFailedPushEndsTheRunAfterSavingWhatWentThrough) {
+  addPost("https://ok.example/", "OK", true);
+  addPost("not a url", "Refused", true);
+  NSErrorPtr error;
+  EXPECT_FALSE(refresh(&error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), ZBTarrowDataErrorDomain);
+  EXPECT_EQ(error->code(), 0);
+  auto local = localPosts();
+  EXPECT_EQ(local["https://ok.example/"][ZBTarrowPinboardObjectDirtyKey], Value(false));  // saved to the file
+  EXPECT_EQ(local["not a url"][ZBTarrowPinboardObjectDirtyKey], Value(true));
+  for (const auto& r : sim.requestLog()) EXPECT_NE(r.path, "/v1/posts/update");
+}
+
+TEST_F(RefreshTest, CancelledBetweenPhasesStopsWithTheCancellationError) {
+  auto gate = std::make_shared<GateTransport>("posts/update");
+  makeClient(gate);
+  auto op = ZBTarrowPinboardRefreshOperation::create(client, root);
+  auto queue = NSOperationQueue::create();
+  queue->addOperation(op);
+  ASSERT_TRUE(gate->waitForHeld());
+  op->cancel();
+  gate->open();
+  op->waitUntilFinished();
+  NSErrorPtr error;
+  EXPECT_FALSE(op->completionProvider()(&error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+  EXPECT_EQ(error->code(), NSUserCancelledError);
+  EXPECT_TRUE(error->userInfo().empty());
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 0u);
+}
+
+}  // namespace
