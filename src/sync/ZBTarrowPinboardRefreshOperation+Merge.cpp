@@ -5,7 +5,8 @@
 // Both keep the written rules (first match where two local posts share an
 // identifier or a URL; a dirty or deleting post is never overwritten) at a
 // cost linear in the account: one snapshot of identifier and meta as a hash
-// map, fetches and deletes in batches of kBatch keys, one tag cache per merge.
+// map, fetches and deletes in batches of kBatch keys, changes in chunks of
+// kMergeChunk posts with a tag cache each.
 
 #include <deque>
 #include <unordered_map>
@@ -25,6 +26,7 @@
 namespace {
 
 constexpr std::size_t kBatch = 500;
+constexpr std::size_t kMergeChunk = 5000;
 
 using PostPtr = std::shared_ptr<ZBTarrowPinboardPost>;
 
@@ -144,7 +146,6 @@ bool ZBTarrowPinboardRefreshOperation::_updatePostsWithServerPostsMetadata(const
 
   // Update pass: the bookmarks whose meta differs, or that are new here.
   std::vector<std::size_t> changed;
-  std::vector<std::string> changedIdentifiers;
   for (std::size_t i = 0; i < serverPosts.size(); ++i) {
     const Dictionary& server = serverPosts[i].asDictionary();
     const Value& identifier = server[ZBTarrowPinboardPostIdentifierKey];
@@ -155,23 +156,31 @@ bool ZBTarrowPinboardRefreshOperation::_updatePostsWithServerPostsMetadata(const
         local->second.asString() == meta.asString())
       continue;  // unchanged
     changed.push_back(i);
-    if (local != localMeta.end()) changedIdentifiers.push_back(identifier.asString());
   }
-  if (!changed.empty()) {
-    auto existing = postsByKey(child, ZBTarrowPinboardPostIdentifierKey, changedIdentifiers);
-    TagCache tags(child);
-    for (std::size_t i : changed) {
-      const Dictionary& server = serverPosts[i].asDictionary();
-      const std::string& identifier = server[ZBTarrowPinboardPostIdentifierKey].asString();
-      auto& matches = existing[identifier];
-      if (matches.empty()) matches.push_back(child->insertNewObject<ZBTarrowPinboardPost>(ZBTarrowPinboardPostEntityName));
+  // In chunks, each in a child of its own saved at once: a first refresh of a
+  // large account then never holds every new post in two contexts at a time.
+  for (std::size_t first = 0; first < changed.size(); first += kMergeChunk) {
+    const std::size_t end = std::min(changed.size(), first + kMergeChunk);
+    auto chunkContext = _childContext();
+    std::vector<std::string> identifiers;
+    for (std::size_t c = first; c < end; ++c)
+      identifiers.push_back(serverPosts[changed[c]].asDictionary()[ZBTarrowPinboardPostIdentifierKey].asString());
+    auto existing = postsByKey(chunkContext, ZBTarrowPinboardPostIdentifierKey, identifiers);
+    TagCache tags(chunkContext);
+    for (std::size_t c = first; c < end; ++c) {
+      const Dictionary& server = serverPosts[changed[c]].asDictionary();
+      auto& matches = existing[server[ZBTarrowPinboardPostIdentifierKey].asString()];
+      if (matches.empty())
+        matches.push_back(chunkContext->insertNewObject<ZBTarrowPinboardPost>(ZBTarrowPinboardPostEntityName));
       const PostPtr& post = matches.front();
       if (post->deleting() || post->dirty()) continue;  // local edits win until they are pushed
       (void)post->updateWithDictionaryRepresentation(preprocessedServerPostMetadata(server, *entity, tags));
     }
+    if (!_saveChildAndContext(chunkContext, error)) return false;
   }
 
-  if (checkStaleLocalData) {
+  if (!checkStaleLocalData) return true;
+  {
     // Stale pass: local posts the service no longer has go, except local
     // creations and edits not yet sent (dirty and not deleting).
     std::unordered_set<std::string> onServer;
