@@ -48,7 +48,7 @@ ZBTarrowPinboardPostUpdateOperation::ZBTarrowPinboardPostUpdateOperation(Passkey
 
 void ZBTarrowPinboardPostUpdateOperation::setupOperations(const ZBAddWorkOperation& addWorkOperation) {
   auto pushContext = NSManagedObjectContext::create(NSPrivateQueueConcurrencyType);
-  pushContext->setParentContext(_context);
+  pushContext->performBlockAndWait([&] { pushContext->setParentContext(_context); });
 
   ZBTarrowPushPlan::Settings settings;
   settings.count = _dirtyPosts.size();

@@ -25,7 +25,7 @@ ZBTarrowPinboardTagUpdateOperation::ZBTarrowPinboardTagUpdateOperation(Passkey, 
 
 void ZBTarrowPinboardTagUpdateOperation::setupOperations(const ZBAddWorkOperation& addWorkOperation) {
   auto pushContext = NSManagedObjectContext::create(NSPrivateQueueConcurrencyType);
-  pushContext->setParentContext(_context);
+  pushContext->performBlockAndWait([&] { pushContext->setParentContext(_context); });
 
   ZBTarrowPushPlan::Settings settings;
   settings.count = _dirtyTags.size();

@@ -31,9 +31,9 @@ protected:
   // Every local post by URL, read from the store in a fresh context.
   std::map<std::string, Dictionary> localPosts() {
     auto context = NSManagedObjectContext::create(NSPrivateQueueConcurrencyType);
-    context->setPersistentStoreCoordinator(stack->persistentStoreCoordinator());
     std::map<std::string, Dictionary> posts;
     context->performBlockAndWait([&] {
+      context->setPersistentStoreCoordinator(stack->persistentStoreCoordinator());
       auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
       auto objects = context->executeFetchRequest(*request);
       ASSERT_TRUE(objects);

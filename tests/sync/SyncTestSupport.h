@@ -139,9 +139,9 @@ protected:
   // The post of url in the store, read in a fresh context: {} when none.
   Dictionary storedPost(const std::string& url) {
     auto context = NSManagedObjectContext::create(NSPrivateQueueConcurrencyType);
-    context->setPersistentStoreCoordinator(stack->persistentStoreCoordinator());
     Dictionary result;
     context->performBlockAndWait([&] {
+      context->setPersistentStoreCoordinator(stack->persistentStoreCoordinator());
       auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
       request->setPredicate(NSPredicate::predicateWithFormat("%K == %@", {Value(ZBTarrowPinboardPostURLKey), Value(url)}));
       auto found = context->executeFetchRequest(*request);
