@@ -622,7 +622,7 @@ TEST(SimulatorGenerator, IsDeterministicAndRealistic) {
     EXPECT_EQ(folded.size(), x.tags.size()) << "no two case variants of a tag on one bookmark";
   }
   // The untidiness of real accounts, each in its share.
-  EXPECT_NEAR(sameTime, 300, 150) << "import runs";
+  EXPECT_NEAR(sameTime, 700, 250) << "import runs";
   EXPECT_NEAR(untitled, 120, 50);
   EXPECT_NEAR(astral, 150, 60);
   EXPECT_NEAR(decomposed, 90, 45);
