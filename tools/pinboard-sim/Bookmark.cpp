@@ -117,9 +117,7 @@ const std::vector<const Bookmark*>& Account::sorted() const {
 
 void Account::touch(std::int64_t now) {
   ++version;
-  // Every change must be visible to a client comparing update times, even two
-  // changes within one second.
-  updateTime = std::max(now, updateTime + 1);
+  updateTime = now;
 }
 
 std::string formatDateTime(std::int64_t seconds, bool offsetStyle) {
@@ -210,7 +208,7 @@ std::vector<std::string> splitTags(std::string_view text) {
   std::vector<std::string> tags;
   std::string current;
   for (char c : text) {
-    if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+    if (c == ' ' || c == ',' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f') {
       if (!current.empty()) tags.push_back(std::move(current));
       current.clear();
     } else {
@@ -226,6 +224,14 @@ std::size_t characterCount(std::string_view text) {
   for (unsigned char c : text)
     if ((c & 0xc0) != 0x80) ++n;
   return n;
+}
+
+std::string firstCharacters(std::string_view text, std::size_t characters) {
+  std::size_t n = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if ((static_cast<unsigned char>(text[i]) & 0xc0) != 0x80 && n++ == characters) return std::string(text.substr(0, i));
+  }
+  return std::string(text);
 }
 
 }  // namespace pinboard_sim

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,10 @@ struct Bookmark {
   std::optional<std::int64_t> others;  // how many other users saved the URL
   std::string hash;                    // md5(url), filled by refresh()
   std::string meta;                    // change signature, filled by refresh()
+  // Feeds lag behind API writes: until feedVisibleAt (simulator clock) they
+  // show feedPrevious instead, or nothing for a bookmark that is new.
+  double feedVisibleAt = 0;
+  std::shared_ptr<const Bookmark> feedPrevious;
 
   // Recomputes hash and meta from the other fields.
   void refresh();
@@ -54,9 +59,13 @@ struct Account {
   std::unordered_map<std::string, Bookmark> bookmarks;
   std::uint64_t version = 0;  // bumped by every change of bookmarks
 
-  // Bookmarks newest first (ties by URL), cached until the next change.
+  // Bookmarks newest first; those of one second by URL, ascending (imports
+  // give many bookmarks one time, and paging must not skip or repeat them).
+  // Cached until the next change.
   const std::vector<const Bookmark*>& sorted() const;
-  // Records a change: bumps version and moves updateTime strictly forward.
+  // Records a change made at now (whole seconds of the simulator's clock):
+  // bumps version and sets updateTime to now, so two changes within one
+  // second share their update time, as on the service.
   void touch(std::int64_t now);
 
 private:
@@ -79,9 +88,12 @@ std::optional<std::string> base64Decode(std::string_view text);
 // Tags compare without regard to ASCII letter case, as the site's filters do.
 std::string foldTag(std::string_view tag);
 bool hasTag(const Bookmark& bookmark, std::string_view tag);
-// Splits at whitespace, dropping empty pieces.
+// Splits at whitespace and commas, dropping empty pieces: the service stores
+// "a,b" as two tags and reads a filter "a,b" as both tags.
 std::vector<std::string> splitTags(std::string_view text);
 // Number of Unicode code points of UTF-8 text (invalid bytes count one each).
 std::size_t characterCount(std::string_view text);
+// The first `characters` code points of text.
+std::string firstCharacters(std::string_view text, std::size_t characters);
 
 }  // namespace pinboard_sim

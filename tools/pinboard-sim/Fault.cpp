@@ -72,6 +72,11 @@ std::optional<Fault> Fault::parse(std::string_view text, std::string* error) {
     } else if (key == "cut" && arg.empty()) {
       f.cut = true;
       any = true;
+    } else if (key == "bom" && arg.empty()) {
+      f.bom = true;
+      any = true;
+    } else if (key == "apply" && arg.empty()) {
+      f.apply = true;
     } else if (key == "times") {
       ok = parseInt(arg, f.times);
     } else if (key == "after") {
@@ -85,7 +90,7 @@ std::optional<Fault> Fault::parse(std::string_view text, std::string* error) {
     }
   }
   if (!any) {
-    fail(error, "fault has no effect (status, delay, garbage, truncate, empty, drop or cut)");
+    fail(error, "fault has no effect (status, delay, garbage, truncate, empty, drop, cut or bom)");
     return std::nullopt;
   }
   return f;

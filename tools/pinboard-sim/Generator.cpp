@@ -50,6 +50,23 @@ const std::vector<std::string>& nonASCIITitles() {
   return t;
 }
 
+// Characters above U+FFFF: emoji, a flag, musical and mathematical symbols.
+const std::vector<std::string>& astralTitles() {
+  static const std::vector<std::string> t = {
+      "Weekend plans \U0001F600\U0001F389", "\U0001F4DA Reading list", "Flags \U0001F1E9\U0001F1EA and \U0001F1EF\U0001F1F5",
+      "\U0001D11E Music theory notes", "\U0001D518\U0001D52B\U0001D526\U0001D520\U0001D52C\U0001D521\U0001D522 in mathematics",
+      "Family \U0001F468\u200D\U0001F469\u200D\U0001F467 recipes", "\U00020BB7 and rare CJK"};
+  return t;
+}
+
+// Decomposed text: a base letter followed by combining marks, Hangul as jamo.
+const std::vector<std::string>& decomposedTitles() {
+  static const std::vector<std::string> t = {
+      "Cafe\u0301 and re\u0301sume\u0301", "U\u0308ber Zu\u0308rich", "\u1100\u1161\u11ab\u1100\u1173\u11af NFD Hangul",
+      "Pin\u0303a colada", "A\u030angstro\u0308m units"};
+  return t;
+}
+
 const std::vector<std::string>& hosts() {
   static const std::vector<std::string> h = {
       "github.com", "news.ycombinator.com", "www.nytimes.com", "en.wikipedia.org", "www.theguardian.com",
@@ -60,14 +77,19 @@ const std::vector<std::string>& hosts() {
 }
 
 std::vector<std::string> tagVocabulary(std::size_t n) {
-  static const std::vector<std::string> special = {"日本語", "café", "naïve", "c++", "web_dev", ".private",
-                                                   "toread_later", "Python", "w3c", "a/b"};
+  static const std::vector<std::string> special = {
+      "日本語", "café", "naïve", "c++", "web_dev", ".private", "toread_later", "Python", "w3c", "a/b",
+      "home+improvement", "c#", "drum&bass", "for:someone", "!tobuy", "c/c++", "to:fb", "cafe\u0301", "\U0001F4DA"};
   std::vector<std::string> v;
   std::unordered_set<std::string> seen;
   auto add = [&](std::string t) {
     if (v.size() < n && seen.insert(t).second) v.push_back(std::move(t));
   };
-  for (const auto& w : words()) add(w);
+  // The odd tags among the common ones, so that small accounts carry them.
+  for (std::size_t i = 0; i < words().size(); ++i) {
+    add(words()[i]);
+    if (i % 3 == 2 && i / 3 < special.size()) add(special[i / 3]);
+  }
   for (const auto& s : special) add(s);
   for (std::size_t i = 0; v.size() < n; ++i) {
     const auto& w = words();
@@ -118,6 +140,7 @@ std::vector<Bookmark> generateBookmarks(const std::string& username, std::size_t
   out.reserve(count);
   std::unordered_set<std::string> urls;
   double t = static_cast<double>(o.newest);
+  std::size_t importLeft = 0;  // bookmarks still to come in the current import run
   for (std::size_t i = 0; i < count; ++i) {
     Bookmark b;
     const std::string& host = r.pick(hosts());
@@ -136,7 +159,15 @@ std::vector<Bookmark> generateBookmarks(const std::string& username, std::size_t
       b.url += "?v=" + std::to_string(i);
       urls.insert(b.url);
     }
-    if (r.chance(o.nonASCIIShare)) {
+    const double kind = r.uniform();
+    double edge = o.astralShare;
+    if (i % 97 == 0 || kind < edge) {
+      b.title = r.pick(astralTitles());
+    } else if (kind < (edge += o.untitledShare)) {
+      b.title = r.chance(0.5) ? "" : "[no title]";
+    } else if (kind < (edge += o.decomposedShare)) {
+      b.title = r.pick(decomposedTitles());
+    } else if (kind < edge + o.nonASCIIShare) {
       b.title = r.pick(nonASCIITitles());
     } else {
       std::size_t n = 2 + r.below(6);
@@ -154,15 +185,26 @@ std::vector<Bookmark> generateBookmarks(const std::string& username, std::size_t
       }
       b.extended += '.';
       if (r.chance(0.2)) b.extended += "\nSee https://" + r.pick(hosts()) + "/ref\tfor more.";
+      if (r.chance(o.decomposedShare)) b.extended += " " + r.pick(decomposedTitles());
+      if (r.chance(o.untidyNotesShare)) {
+        static const char* const endings[] = {" ", "  ", "\n", "\r\n", " \n\n", "\t"};
+        b.extended += endings[r.below(6)];
+      }
     }
     double u = r.uniform();
     std::size_t tagCount = u < 0.1 ? 0 : u < 0.3 ? 1 : u < 0.55 ? 2 : u < 0.75 ? 3 : u < 0.87 ? 4 : u < 0.95 ? 5 : 6 + r.below(8);
     for (std::size_t k = 0; k < tagCount; ++k) {
       const std::string& tag = vocab[zipfDraw(r, tagCDF)];
-      if (std::find(b.tags.begin(), b.tags.end(), tag) == b.tags.end()) b.tags.push_back(tag);
+      // The service cannot hold "Python" and "python" on one bookmark.
+      std::string folded = foldTag(tag);
+      if (std::none_of(b.tags.begin(), b.tags.end(), [&](const std::string& x) { return foldTag(x) == folded; }))
+        b.tags.push_back(tag);
     }
     b.time = static_cast<std::int64_t>(t);
-    t -= o.averageGap * (0.1 + 1.8 * r.uniform());
+    // An import: this bookmark and the next importLeft share one second.
+    if (importLeft == 0 && r.chance(o.importShare)) importLeft = 4 + r.below(56);
+    if (importLeft > 0) --importLeft;
+    else t -= o.averageGap * (0.1 + 1.8 * r.uniform());
     b.shared = !r.chance(o.privateShare);
     b.toread = r.chance(o.unreadShare);
     b.starred = r.chance(o.starredShare);

@@ -20,6 +20,15 @@ struct GeneratorOptions {
   double sourcedShare = 0.12;
   double nonASCIIShare = 0.12;
   double othersShare = 0.3;          // bookmarks with a known "others" count
+  // Real accounts are untidy: imports give runs of bookmarks one time, titles
+  // go missing or read "[no title]", text arrives decomposed (NFD), notes
+  // end in spaces and line breaks, and some titles carry characters above
+  // U+FFFF (emoji), which JSON escapes as surrogate pairs.
+  double importShare = 0.01;         // a bookmark that starts a run of 5 to 60 with its time
+  double untitledShare = 0.04;       // half "", half "[no title]"
+  double decomposedShare = 0.03;     // titles and notes in NFD
+  double astralShare = 0.04;         // titles with characters above U+FFFF
+  double untidyNotesShare = 0.1;     // notes ending in spaces or line breaks
   std::size_t tagVocabulary = 1500;  // distinct tags, drawn with a Zipf law
   double zipfExponent = 1.1;
 };
@@ -27,6 +36,10 @@ struct GeneratorOptions {
 // count bookmarks with distinct URLs, newest first. The URLs embed the
 // account's name so that two accounts generated with one seed share only the
 // URLs meant to be shared (a few popular ones, for popular feeds and "others").
+// Tags include the service's odd characters (home+improvement, c#, drum&bass,
+// for:someone, !tobuy, c/c++) and never two case variants on one bookmark;
+// the first bookmark and every 97th after it have an emoji title, so even a
+// small account has one.
 std::vector<Bookmark> generateBookmarks(const std::string& username, std::size_t count,
                                         const GeneratorOptions& options = {});
 

@@ -40,6 +40,12 @@ bool looksJapanese(std::string_view text) {
   return false;
 }
 
+// What feeds show of b at now: b itself, or while an API write is still
+// lagging, the version before it (nothing for a new bookmark).
+const Bookmark* shown(const Bookmark& b, double now) {
+  return b.feedVisibleAt <= now ? &b : b.feedPrevious.get();
+}
+
 bool newestFirst(const FeedItem& x, const FeedItem& y) {
   if (x.bookmark->time != y.bookmark->time) return x.bookmark->time > y.bookmark->time;
   if (*x.author != *y.author) return *x.author < *y.author;
@@ -62,6 +68,7 @@ Simulator::Reply Simulator::_feed(const std::string& fullPath, const httplib::Re
     path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
   }
   if (segments.empty()) return notFound;
+  const double now = _now();
 
   std::vector<FeedItem> items;
   std::size_t i = 0;
@@ -76,11 +83,12 @@ Simulator::Reply Simulator::_feed(const std::string& fullPath, const httplib::Re
     // stands as the author.
     std::unordered_map<std::string, std::pair<int, FeedItem>> byURL;
     for (const auto& [name, a] : _accounts) {
-      for (const auto& [url, b] : a.bookmarks) {
-        if (!b.shared) continue;
-        auto [it, inserted] = byURL.try_emplace(url, 0, FeedItem{&b, &a.username});
+      for (const auto& [url, stored] : a.bookmarks) {
+        const Bookmark* b = shown(stored, now);
+        if (!b || !b->shared) continue;
+        auto [it, inserted] = byURL.try_emplace(url, 0, FeedItem{b, &a.username});
         ++it->second.first;
-        if (!inserted && b.time < it->second.second.bookmark->time) it->second.second = FeedItem{&b, &a.username};
+        if (!inserted && b->time < it->second.second.bookmark->time) it->second.second = FeedItem{b, &a.username};
       }
     }
     std::vector<std::pair<int, FeedItem>> ranked;
@@ -100,8 +108,8 @@ Simulator::Reply Simulator::_feed(const std::string& fullPath, const httplib::Re
   } else if (segments[0] == "recent") {
     if (segments.size() > 1) return notFound;
     for (const auto& [name, a] : _accounts)
-      for (const auto& [url, b] : a.bookmarks)
-        if (b.shared) items.push_back({&b, &a.username});
+      for (const auto& [url, stored] : a.bookmarks)
+        if (const Bookmark* b = shown(stored, now); b && b->shared) items.push_back({b, &a.username});
     std::sort(items.begin(), items.end(), newestFirst);
   } else {
     if (segments[i].rfind("secret:", 0) == 0) {
@@ -133,7 +141,9 @@ Simulator::Reply Simulator::_feed(const std::string& fullPath, const httplib::Re
       else return notFound;
     }
     if (!user && tags.empty()) return notFound;
-    auto accept = [&](const Bookmark& b, bool own) {
+    auto accept = [&](const Bookmark* shownBookmark, bool own) {
+      if (!shownBookmark) return false;
+      const Bookmark& b = *shownBookmark;
       if (!b.shared && !(secret && own)) return false;
       if (view == View::Public && !b.shared) return false;
       if (view == View::Private && b.shared) return false;
@@ -146,26 +156,27 @@ Simulator::Reply Simulator::_feed(const std::string& fullPath, const httplib::Re
       for (const std::string& other : user->network)
         if (const Account* o = _account(other))
           for (const auto& [url, b] : o->bookmarks)
-            if (accept(b, false)) items.push_back({&b, &o->username});
+            if (accept(shown(b, now), false)) items.push_back({shown(b, now), &o->username});
     } else if (user) {
       for (const auto& [url, b] : user->bookmarks)
-        if (accept(b, true)) items.push_back({&b, &user->username});
+        if (accept(shown(b, now), true)) items.push_back({shown(b, now), &user->username});
     } else {
       for (const auto& [name, a] : _accounts)
         for (const auto& [url, b] : a.bookmarks)
-          if (accept(b, false)) items.push_back({&b, &a.username});
+          if (accept(shown(b, now), false)) items.push_back({shown(b, now), &a.username});
     }
     std::sort(items.begin(), items.end(), newestFirst);
   }
 
-  int count = _options.feedDefaultCount;
+  // A window onto the newest items, never the whole list.
+  int count = _feedWindow.defaultCount;
   if (req.has_param("count")) {
     try {
       count = std::stoi(req.get_param_value("count"));
     } catch (const std::exception&) {
     }
   }
-  count = std::clamp(count, 0, _options.feedMaxCount);
+  count = std::clamp(count, 0, std::max(0, _feedWindow.maxCount));
   if (items.size() > static_cast<std::size_t>(count)) items.resize(static_cast<std::size_t>(count));
 
   std::string body = "[";

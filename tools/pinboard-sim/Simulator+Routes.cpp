@@ -9,13 +9,15 @@
 
 namespace pinboard_sim {
 
-using nlohmann::json;
+// Answers keep their keys in the order written, as the service sends them.
+using json = nlohmann::ordered_json;
 
 namespace {
 
 constexpr std::size_t kMaxTitle = 255;
 constexpr std::size_t kMaxExtended = 65536;
 constexpr std::size_t kMaxTags = 100;
+constexpr std::size_t kMaxTag = 255;
 constexpr std::size_t kMaxFilterTags = 3;
 constexpr std::int64_t kFutureSlack = 600;  // a dt further ahead is replaced by now
 
@@ -46,6 +48,16 @@ std::string xmlPost(const Bookmark& b) {
          xmlEscape(b.title) + "\" extended=\"" + xmlEscape(b.extended) + "\" tag=\"" + xmlEscape(b.tagString()) +
          "\" hash=\"" + b.hash + "\" meta=\"" + b.meta + "\" shared=\"" + (b.shared ? "yes" : "no") +
          "\" toread=\"" + (b.toread ? "yes" : "no") + "\" />";
+}
+
+// Safari's feed: addresses are stored as the http: ones they stand for
+// ("feed://host/" and "feed:https://host/" alike).
+std::string storedURL(std::string url) {
+  if (url.size() < 5 || foldTag(url.substr(0, 5)) != "feed:") return url;
+  std::string rest = url.substr(5);
+  std::string folded = foldTag(rest.substr(0, 8));
+  if (folded.rfind("http://", 0) == 0 || folded.rfind("https://", 0) == 0) return rest;
+  return "http:" + rest;
 }
 
 bool validURL(std::string_view url) {
@@ -79,10 +91,25 @@ std::string joined(const std::vector<std::string>& tags, char separator) {
   return s;
 }
 
-// The "date" of a post envelope: the user's latest bookmark, else the update time.
-std::int64_t latestTime(const Account& a) {
+// The "date" of a post envelope: the first post listed; without one, the
+// user's latest bookmark, else the update time.
+std::int64_t envelopeDate(const Account& a, const std::vector<const Bookmark*>& posts) {
+  if (!posts.empty()) return posts.front()->time;
   const auto& sorted = a.sorted();
   return sorted.empty() ? a.updateTime : sorted.front()->time;
+}
+
+// A date argument: absent, or parsed; a malformed one is refused, never
+// taken as "no limit".
+struct DateArgument {
+  std::optional<std::int64_t> value;
+  bool malformed = false;
+};
+
+DateArgument dateArgument(const httplib::Request& req, const char* name, bool allowDateOnly) {
+  if (!req.has_param(name)) return {};
+  std::optional<std::int64_t> t = parseDateTime(param(req, name), allowDateOnly);
+  return {t, !t};
 }
 
 }  // namespace
@@ -135,6 +162,11 @@ Simulator::Reply Simulator::_json(const json& value) const {
   return {200, frame(dump(value, _quirks), _quirks), {}};
 }
 
+Simulator::Reply Simulator::_failure(const httplib::Request& req) const {
+  if (wantsXML(req)) return {200, xmlDocument("<result code=\"something went wrong\" />"), "text/xml; charset=utf-8"};
+  return _resultCode("something went wrong");
+}
+
 Simulator::Reply Simulator::_resultCode(const std::string& text, const char* key) const {
   return _json(json{{key, text}});
 }
@@ -149,23 +181,32 @@ Simulator::Reply Simulator::_postsAdd(const httplib::Request& req, Account& a) {
     return _resultCode(code);
   };
   const std::int64_t now = static_cast<std::int64_t>(_now());
-  std::string url = param(req, "url");
+  // Stored as answered later: well-formed UTF-8, feed: as http:, so that
+  // sending back what was read changes nothing.
+  std::string url = storedURL(wellFormedUTF8(param(req, "url")));
   if (url.empty() || !validURL(url)) return result("missing url");
-  if (!req.has_param("description") || param(req, "description").empty()) return result("missing description");
-  std::string title = param(req, "description");
-  std::string extended = param(req, "extended");
-  std::vector<std::string> rawTags = splitTags(param(req, "tags"));
-  if (characterCount(title) > kMaxTitle || characterCount(extended) > kMaxExtended || rawTags.size() > kMaxTags)
-    return result("something went wrong");
+  std::string title = wellFormedUTF8(param(req, "description"));
+  if (title.empty()) return result("missing description");
+  std::string extended = wellFormedUTF8(param(req, "extended"));
   std::vector<std::string> tags;
-  for (auto& t : rawTags) {
-    if (characterCount(t) > 255) return result("something went wrong");
+  for (auto& t : splitTags(wellFormedUTF8(param(req, "tags")))) {
+    // One tag in two cases cannot be stored: the first spelling wins.
     bool seen = std::any_of(tags.begin(), tags.end(), [&](const std::string& u) { return foldTag(u) == foldTag(t); });
     if (!seen) tags.push_back(std::move(t));
   }
+  bool overlong = characterCount(title) > kMaxTitle || characterCount(extended) > kMaxExtended || tags.size() > kMaxTags ||
+                  std::any_of(tags.begin(), tags.end(), [](const std::string& t) { return characterCount(t) > kMaxTag; });
+  if (overlong && !_quirks.truncateOverlong) return result("something went wrong");
+  if (overlong) {
+    title = firstCharacters(title, kMaxTitle);
+    extended = firstCharacters(extended, kMaxExtended);
+    if (tags.size() > kMaxTags) tags.resize(kMaxTags);
+    for (auto& t : tags) t = firstCharacters(t, kMaxTag);
+  }
   std::optional<std::int64_t> dt;
   if (req.has_param("dt")) {
-    dt = parseDateTime(param(req, "dt"));
+    // An empty dt= means now (and resets the time of a replaced bookmark).
+    dt = param(req, "dt").empty() ? std::optional<std::int64_t>(now) : parseDateTime(param(req, "dt"));
     if (!dt) return result("something went wrong");
     if (*dt > now + kFutureSlack) dt = now;
   }
@@ -191,6 +232,7 @@ Simulator::Reply Simulator::_postsAdd(const httplib::Request& req, Account& a) {
     b.others = existing->second.others;
   }
   b.refresh();
+  _written(b, existing != a.bookmarks.end() ? &existing->second : nullptr);
   a.bookmarks[url] = std::move(b);
   _changed(a);
   return result("done");
@@ -232,10 +274,10 @@ Simulator::Reply Simulator::_postsGet(const httplib::Request& req, const Account
     auto it = a.bookmarks.find(param(req, "url"));
     if (it != a.bookmarks.end() && matchesAll(it->second, tags)) posts.push_back(&it->second);
   } else {
-    std::optional<std::int64_t> day;
-    if (req.has_param("dt")) {
-      day = parseDateTime(param(req, "dt"), true);
-    } else {
+    DateArgument dt = dateArgument(req, "dt", true);
+    if (dt.malformed) return _failure(req);
+    std::optional<std::int64_t> day = dt.value;
+    if (!day) {
       for (const Bookmark* b : a.sorted())
         if (matchesAll(*b, tags)) {
           day = b->time;
@@ -248,8 +290,9 @@ Simulator::Reply Simulator::_postsGet(const httplib::Request& req, const Account
         if (b->time >= start && b->time < start + 86400 && matchesAll(*b, tags)) posts.push_back(b);
     }
   }
-  if (wantsXML(req)) return {200, xmlPosts(a, latestTime(a), posts), "text/xml; charset=utf-8"};
-  return {200, frame(envelope(a, latestTime(a), posts, _quirks), _quirks), {}};
+  const std::int64_t date = envelopeDate(a, posts);
+  if (wantsXML(req)) return {200, xmlPosts(a, date, posts), "text/xml; charset=utf-8"};
+  return {200, frame(envelope(a, date, posts, _quirks), _quirks), {}};
 }
 
 Simulator::Reply Simulator::_postsRecent(const httplib::Request& req, const Account& a) {
@@ -267,7 +310,7 @@ Simulator::Reply Simulator::_postsRecent(const httplib::Request& req, const Acco
     if (static_cast<int>(posts.size()) >= count) break;
     if (matchesAll(*b, tags)) posts.push_back(b);
   }
-  std::int64_t date = posts.empty() ? latestTime(a) : posts.front()->time;
+  const std::int64_t date = envelopeDate(a, posts);
   if (wantsXML(req)) return {200, xmlPosts(a, date, posts), "text/xml; charset=utf-8"};
   return {200, frame(envelope(a, date, posts, _quirks), _quirks), {}};
 }
@@ -282,7 +325,7 @@ Simulator::Reply Simulator::_postsDates(const httplib::Request& req, const Accou
     for (const auto& [d, n] : counts) s += "  <date date=\"" + d + "\" count=\"" + std::to_string(n) + "\" />\n";
     return {200, xmlDocument(s + "</dates>"), "text/xml; charset=utf-8"};
   }
-  json dates = json::object();
+  json dates = json::object();  // newest day first, as counted
   for (const auto& [d, n] : counts) dates[d] = _quirks.stringCounts ? json(std::to_string(n)) : json(n);
   if (dates.empty() && _quirks.emptyMapAsArray) dates = json::array();
   return _json(json{{"user", a.username}, {"tag", joined(tags, '+')}, {"dates", dates}});
@@ -290,9 +333,15 @@ Simulator::Reply Simulator::_postsDates(const httplib::Request& req, const Accou
 
 Simulator::Reply Simulator::_postsAll(const httplib::Request& req, Account& a) {
   std::vector<std::string> tags = filterTags(req);
-  std::optional<std::int64_t> from, to;
-  if (req.has_param("fromdt")) from = parseDateTime(param(req, "fromdt"));
-  if (req.has_param("todt")) to = parseDateTime(param(req, "todt"));
+  DateArgument fromArgument = dateArgument(req, "fromdt", false), toArgument = dateArgument(req, "todt", false);
+  if (fromArgument.malformed || toArgument.malformed) return _failure(req);
+  const std::optional<std::int64_t> from = fromArgument.value, to = toArgument.value;
+  // Created after fromdt and before todt; the ends themselves only with the quirk.
+  const bool inclusive = _quirks.inclusiveDateRange;
+  auto outside = [&](std::int64_t t) {
+    if (from && (inclusive ? t < *from : t <= *from)) return true;
+    return to && (inclusive ? t > *to : t >= *to);
+  };
   std::size_t start = 0, results = SIZE_MAX;
   try {
     if (req.has_param("start")) start = std::stoul(param(req, "start"));
@@ -314,8 +363,7 @@ Simulator::Reply Simulator::_postsAll(const httplib::Request& req, Account& a) {
   std::size_t skipped = 0;
   for (const Bookmark* b : a.sorted()) {
     if (posts.size() >= results) break;
-    if (from && b->time < *from) continue;
-    if (to && b->time > *to) continue;
+    if (outside(b->time)) continue;
     if (!matchesAll(*b, tags)) continue;
     if (skipped < start) {
       ++skipped;
@@ -323,7 +371,7 @@ Simulator::Reply Simulator::_postsAll(const httplib::Request& req, Account& a) {
     }
     posts.push_back(b);
   }
-  if (xml) return {200, xmlPosts(a, latestTime(a), posts), "text/xml; charset=utf-8"};
+  if (xml) return {200, xmlPosts(a, envelopeDate(a, {}), posts), "text/xml; charset=utf-8"};
   return {200, frame(postsArray(posts, _quirks), _quirks, "\t"), {}};
 }
 
@@ -373,7 +421,18 @@ Simulator::Reply Simulator::_postsSuggest(const httplib::Request& req, const Acc
 }
 
 Simulator::Reply Simulator::_tagsGet(const Account& a) {
-  std::map<std::string, int> counts;
+  // Ordered as a case-insensitive database collation orders them: compared
+  // upper-cased, so '_' sorts after the letters.
+  auto collate = [](const std::string& x, const std::string& y) {
+    auto upper = [](std::string s) {
+      for (char& c : s)
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+      return s;
+    };
+    std::string ux = upper(x), uy = upper(y);
+    return ux != uy ? ux < uy : x < y;
+  };
+  std::map<std::string, int, decltype(collate)> counts(collate);
   for (const auto& [url, b] : a.bookmarks)
     for (const auto& t : b.tags) ++counts[t];
   json out = json::object();
@@ -387,12 +446,13 @@ Simulator::Reply Simulator::_tagsDelete(const httplib::Request& req, Account& a)
   bool changed = false;
   if (!tag.empty()) {
     for (auto& [url, b] : a.bookmarks) {
-      auto end = std::remove_if(b.tags.begin(), b.tags.end(), [&](const std::string& t) { return foldTag(t) == tag; });
-      if (end != b.tags.end()) {
-        b.tags.erase(end, b.tags.end());
-        b.refresh();
-        changed = true;
-      }
+      if (!hasTag(b, tag)) continue;
+      Bookmark before = b;
+      b.tags.erase(std::remove_if(b.tags.begin(), b.tags.end(), [&](const std::string& t) { return foldTag(t) == tag; }),
+                   b.tags.end());
+      b.refresh();
+      _written(b, &before);
+      changed = true;
     }
   }
   if (changed) _changed(a);
@@ -410,6 +470,7 @@ Simulator::Reply Simulator::_tagsRename(const httplib::Request& req, Account& a)
     for (auto& [url, b] : a.bookmarks) {
       auto it = std::find_if(b.tags.begin(), b.tags.end(), [&](const std::string& t) { return foldTag(t) == old; });
       if (it == b.tags.end()) continue;
+      Bookmark before = b;
       // Renaming onto a tag the bookmark already has folds the two together.
       bool present = std::any_of(b.tags.begin(), b.tags.end(), [&](const std::string& t) {
         return &t != &*it && foldTag(t) == foldTag(renamed);
@@ -417,6 +478,7 @@ Simulator::Reply Simulator::_tagsRename(const httplib::Request& req, Account& a)
       if (present) b.tags.erase(it);
       else *it = renamed;
       b.refresh();
+      _written(b, &before);
       changed = true;
     }
   }

@@ -39,7 +39,7 @@ namespace {
 std::string statusText(int status) {
   switch (status) {
     case 400: return "Bad Request";
-    case 401: return "API requires authentication";
+    case 401: return "Forbidden";
     case 403: return "Forbidden";
     case 404: return "Not Found";
     case 429: return "Too Many Requests";
@@ -50,12 +50,12 @@ std::string statusText(int status) {
   }
 }
 
-// Closes the connection a request arrived on, without an answer. httplib
-// does not hand the socket to handlers, so find it by its two addresses and
-// shut it down; the server's own write then fails and it closes the socket.
-void dropConnection(const httplib::Request& req) {
+// The socket a request arrived on, or -1. httplib does not hand it to
+// handlers, so find it by its two addresses.
+int connectionSocket(const httplib::Request& req) {
+  int found = -1;
   DIR* dir = opendir("/proc/self/fd");
-  if (!dir) return;
+  if (!dir) return found;
   while (dirent* entry = readdir(dir)) {
     int fd = std::atoi(entry->d_name);
     if (fd <= 2) continue;
@@ -69,11 +69,38 @@ void dropConnection(const httplib::Request& req) {
       return -1;
     };
     if (port(local) == req.local_port && port(peer) == req.remote_port) {
-      shutdown(fd, SHUT_RDWR);
+      found = fd;
       break;
     }
   }
   closedir(dir);
+  return found;
+}
+
+// Closes the connection without an answer; the server's own write then fails
+// and it closes the socket.
+void dropConnection(const httplib::Request& req) {
+  int fd = connectionSocket(req);
+  if (fd >= 0) shutdown(fd, SHUT_RDWR);
+}
+
+// httplib writes the standard reason phrase of a status; the service answers a
+// refused login "401 Forbidden". Writes that answer itself and closes the
+// connection. False when the socket could not be found or written.
+bool answerWithReason(const httplib::Request& req, int status, const std::string& reason, const std::string& body,
+                      const std::string& contentType) {
+  int fd = connectionSocket(req);
+  if (fd < 0) return false;
+  std::string answer = "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\nContent-Type: " + contentType +
+                       "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+  std::size_t sent = 0;
+  while (sent < answer.size()) {
+    ssize_t n = send(fd, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    sent += static_cast<std::size_t>(n);
+  }
+  shutdown(fd, SHUT_RDWR);
+  return true;
 }
 
 std::string garbageBody() {
@@ -84,7 +111,10 @@ std::string garbageBody() {
 }  // namespace
 
 Simulator::Simulator(SimulatorOptions options)
-    : _options(std::move(options)), _quirks(_options.quirks), _rateLimits(_options.rateLimits) {}
+    : _options(std::move(options)),
+      _quirks(_options.quirks),
+      _rateLimits(_options.rateLimits),
+      _feedWindow(_options.feeds) {}
 
 Simulator::~Simulator() { stop(); }
 
@@ -175,20 +205,22 @@ void Simulator::_handle(const httplib::Request& req, httplib::Response& res) {
     _log(std::move(record));
     return;
   }
-  if (fault && fault->drop) {
-    dropConnection(req);
-    _log(std::move(record));
-    return;
-  }
-
+  const std::string& path = req.path;
+  std::string method = path.rfind("/v1/", 0) == 0 ? path.substr(4) : std::string();
+  while (!method.empty() && method.back() == '/') method.pop_back();
+  const bool write = method == "posts/add" || method == "posts/delete" || method == "tags/rename" ||
+                     method == "tags/delete";
+  // Without apply a fault replaces the call: a write is not stored, and what
+  // the fault spoils is a refusal. With apply the call is served (a write is
+  // stored, the update time moves) and the fault spoils its answer.
+  const bool serve = !fault || fault->apply || (!write && !fault->drop && !fault->status);
   Reply reply;
-  if (fault && fault->status) {
-    reply.status = fault->status;
-    reply.body = statusText(fault->status);
-    reply.contentType = "text/plain; charset=utf-8";
+  if (!serve) {
+    std::string refusal = std::string("{\"") + (method.rfind("tags/", 0) == 0 ? "result" : "result_code") +
+                          "\":\"something went wrong\"}\n";
+    reply = {200, std::move(refusal), {}};
   } else {
     ZBMutexLock hold(_mutex);
-    const std::string& path = req.path;
     if (path.rfind("/v1/", 0) == 0) {
       bool malformed = false;
       record.user = _authenticate(req, record.basicAuth, malformed);
@@ -197,8 +229,6 @@ void Simulator::_handle(const httplib::Request& req, httplib::Response& res) {
       } else if (_rateLimited(record.user, path)) {
         reply = {429, statusText(429), "text/plain; charset=utf-8"};
       } else {
-        std::string method = path.substr(4);
-        while (!method.empty() && method.back() == '/') method.pop_back();
         reply = _api(method, req, *_account(record.user));
       }
     } else if (path.rfind("/json/", 0) == 0) {
@@ -206,6 +236,14 @@ void Simulator::_handle(const httplib::Request& req, httplib::Response& res) {
     } else {
       reply = {404, statusText(404), "text/plain; charset=utf-8"};
     }
+  }
+  if (fault && fault->drop) {
+    dropConnection(req);
+    _log(std::move(record));
+    return;
+  }
+  if (fault && fault->status) {
+    reply = {fault->status, statusText(fault->status), "text/plain; charset=utf-8"};
   }
 
   const Quirks quirks = this->quirks();
@@ -221,12 +259,17 @@ void Simulator::_handle(const httplib::Request& req, httplib::Response& res) {
       case Fault::Body::Empty: reply.body.clear(); break;
       case Fault::Body::Normal: break;
     }
+    if (fault->bom) reply.body.insert(0, "\xef\xbb\xbf");
   }
   std::string contentType = !reply.contentType.empty() ? reply.contentType
                             : quirks.textPlain       ? "text/plain; charset=utf-8"
                                                      : "application/json; charset=utf-8";
   res.status = reply.status;
   record.status = reply.status;
+  if (reply.status == 401 && !(fault && fault->cut) && answerWithReason(req, 401, "Forbidden", reply.body, contentType)) {
+    _log(std::move(record));
+    return;
+  }
   if (fault && fault->cut) {
     // Promise the whole body, send part of it, then hang up.
     auto body = std::make_shared<std::string>(std::move(reply.body));
@@ -301,7 +344,10 @@ bool Simulator::_rateLimited(const std::string& user, const std::string& path) {
     auto it = _lastCall.find(user + '\x1f' + key);
     return it != _lastCall.end() && now - it->second < interval;
   };
-  if (tooSoon("general", limits.general) || (!cls.empty() && tooSoon(cls, classInterval))) return true;
+  if (tooSoon("general", limits.general) || (!cls.empty() && tooSoon(cls, classInterval))) {
+    ++_violations[user];
+    return true;
+  }
   _lastCall[user + '\x1f' + "general"] = now;
   if (!cls.empty()) _lastCall[user + '\x1f' + cls] = now;
   return false;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cmath>
 
 namespace pinboard_sim {
 
@@ -26,8 +27,23 @@ const Account* Simulator::_account(const std::string& user) const {
 }
 
 void Simulator::_changed(Account& a) {
-  a.touch(static_cast<std::int64_t>(_now()));
+  a.touch(static_cast<std::int64_t>(std::floor(_now())));
   ++_stateVersion;
+}
+
+void Simulator::_written(Bookmark& b, const Bookmark* before) {
+  if (_feedWindow.lag <= 0) return;
+  b.feedVisibleAt = _now() + _feedWindow.lag;
+  b.feedPrevious.reset();
+  if (!before) return;
+  if (before->feedVisibleAt > _now()) {
+    // Several writes within the lag: feeds keep the version they last showed.
+    b.feedPrevious = before->feedPrevious;
+  } else {
+    auto shown = std::make_shared<Bookmark>(*before);
+    shown->feedPrevious.reset();
+    b.feedPrevious = std::move(shown);
+  }
 }
 
 Account& Simulator::_insertAccount(const AccountSeed& seed) {
@@ -58,11 +74,8 @@ bool Simulator::addBookmark(const std::string& user, Bookmark bookmark) {
   Account* a = _account(user);
   if (!a) return false;
   bookmark.refresh();
-  std::int64_t time = bookmark.time;
   a->bookmarks[bookmark.url] = std::move(bookmark);
-  ++a->version;
-  a->updateTime = std::max(a->updateTime, time);
-  ++_stateVersion;
+  _changed(*a);
   return true;
 }
 
@@ -73,12 +86,10 @@ bool Simulator::generateBookmarks(const std::string& user, std::size_t count, co
   if (!a) return false;
   a->bookmarks.reserve(a->bookmarks.size() + generated.size());
   for (Bookmark& b : generated) {
-    a->updateTime = std::max(a->updateTime, b.time);
     std::string url = b.url;
     a->bookmarks[url] = std::move(b);
   }
-  ++a->version;
-  ++_stateVersion;
+  _changed(*a);
   return true;
 }
 
@@ -115,7 +126,7 @@ bool Simulator::_changeBookmark(const std::string& user, const std::string& url,
   auto it = a->bookmarks.find(url);
   if (it == a->bookmarks.end()) return false;
   change(it->second);
-  ++_stateVersion;
+  _changed(*a);
   return true;
 }
 
@@ -210,6 +221,19 @@ std::size_t Simulator::requestCount(const std::string& path) const {
   return n;
 }
 
+std::size_t Simulator::rateLimitViolations(const std::string& user) const {
+  ZBMutexLock hold(_mutex);
+  auto it = _violations.find(user);
+  return it == _violations.end() ? 0 : it->second;
+}
+
+std::size_t Simulator::rateLimitViolations() const {
+  ZBMutexLock hold(_mutex);
+  std::size_t n = 0;
+  for (const auto& [user, count] : _violations) n += count;
+  return n;
+}
+
 // ---- Behaviour ----
 
 void Simulator::addFault(Fault fault) {
@@ -232,6 +256,11 @@ void Simulator::setQuirks(Quirks quirks) {
   ZBMutexLock hold(_mutex);
   _quirks = quirks;
   _fullListCache.clear();
+}
+
+void Simulator::setFeedWindow(FeedWindow window) {
+  ZBMutexLock hold(_mutex);
+  _feedWindow = window;
 }
 
 Quirks Simulator::quirks() const {

@@ -34,12 +34,19 @@ struct Response;
 
 namespace pinboard_sim {
 
+// Feeds are windows onto the newest items, not complete lists, and they
+// trail the API.
+struct FeedWindow {
+  int defaultCount = 50;  // items without ?count=
+  int maxCount = 400;     // items at most, whatever ?count= asks
+  double lag = 0;         // seconds (simulator clock) before an API write shows in feeds
+};
+
 struct SimulatorOptions {
   std::string host = "127.0.0.1";
   int port = 0;           // 0: an ephemeral port
   int threads = 24;       // connections served at once
-  int feedDefaultCount = 50;
-  int feedMaxCount = 400;
+  FeedWindow feeds;
   Quirks quirks;
   RateLimits rateLimits;  // all off by default
 };
@@ -84,14 +91,16 @@ public:
   // Adds an account, or replaces the credentials of an existing one. Returns the
   // full API token ("name:SECRET").
   std::string addAccount(const AccountSeed& seed);
-  // Stores a bookmark as given (hash and meta are computed); moves the
-  // account's update time to at least the bookmark's time. False when there is
-  // no such account.
+  // Stores a bookmark as given (hash and meta are computed) and, like an API
+  // write, sets the account's update time to now. False when there is no such
+  // account.
   [[nodiscard]] bool addBookmark(const std::string& user, Bookmark bookmark);
-  // Adds count generated bookmarks (see Generator.h). False without the account.
+  // Adds count generated bookmarks (see Generator.h); the update time becomes
+  // now. False without the account.
   [[nodiscard]] bool generateBookmarks(const std::string& user, std::size_t count,
                                        const GeneratorOptions& options = {});
-  // These three: false without the account (or, for a mark, the bookmark).
+  // These four: false without the account (or, for a mark, the bookmark). A
+  // mark (star, source) moves the update time as an API write would.
   [[nodiscard]] bool addNote(const std::string& user, const std::string& title, const std::string& text,
                              std::int64_t created, std::int64_t updated);
   [[nodiscard]] bool setNetwork(const std::string& user, std::vector<std::string> others);
@@ -128,6 +137,10 @@ public:
   void clearRequestLog();
   // Requests whose path matches (exact, or a prefix ending in '*').
   std::size_t requestCount(const std::string& path) const;
+  // Calls answered 429 because they came sooner than the rate limits allow:
+  // of one user, and of all users together.
+  std::size_t rateLimitViolations(const std::string& user) const;
+  std::size_t rateLimitViolations() const;
 
   // ---- Behaviour ----
   void addFault(Fault fault);
@@ -135,6 +148,7 @@ public:
   void setRateLimits(RateLimits limits);
   void setQuirks(Quirks quirks);
   Quirks quirks() const;
+  void setFeedWindow(FeedWindow window);
   // Seconds since 1970 used for "now" (dates of new bookmarks, update times,
   // rate limits). Defaults to the system clock; nullptr restores it. Called
   // under the simulator's lock: it must not call the simulator.
@@ -183,13 +197,20 @@ private:
   Reply _tagsRename(const httplib::Request& req, Account& a) ZB_REQUIRES(_mutex);
   Reply _notesList(const Account& a) ZB_REQUIRES(_mutex);
   Reply _note(const std::string& id, const Account& a) ZB_REQUIRES(_mutex);
-  Reply _json(const nlohmann::json& value) const ZB_REQUIRES(_mutex);
+  Reply _json(const nlohmann::ordered_json& value) const ZB_REQUIRES(_mutex);
+  // An application error ("something went wrong", HTTP 200) in the form of
+  // the endpoint: XML or JSON.
+  Reply _failure(const httplib::Request& req) const ZB_REQUIRES(_mutex);
   Reply _resultCode(const std::string& text, const char* key = "result_code") const ZB_REQUIRES(_mutex);
+  // A bookmark as an API write leaves it: feeds see it only after the lag,
+  // and the old version until then.
+  void _written(Bookmark& b, const Bookmark* before) ZB_REQUIRES(_mutex);
   // Feeds (Simulator+Feeds.cpp).
   Reply _feed(const std::string& path, const httplib::Request& req) ZB_REQUIRES(_mutex);
 
-  // Fixed at construction: where to listen, how wide, feed sizes. The quirks
-  // and rate limits in it are only the first values of _quirks and _rateLimits.
+  // Fixed at construction: where to listen, how wide. The quirks, rate
+  // limits and feed window in it are only the first values of _quirks,
+  // _rateLimits and _feedWindow.
   const SimulatorOptions _options;
   std::unique_ptr<Server> _server;
   std::thread _thread;
@@ -201,12 +222,14 @@ private:
   mutable ZBMutex _mutex;
   Quirks _quirks ZB_GUARDED_BY(_mutex);
   RateLimits _rateLimits ZB_GUARDED_BY(_mutex);
+  FeedWindow _feedWindow ZB_GUARDED_BY(_mutex);
   std::map<std::string, Account> _accounts ZB_GUARDED_BY(_mutex);
   std::map<std::string, std::vector<std::string>> _popularTags ZB_GUARDED_BY(_mutex);
   std::vector<Fault> _faults ZB_GUARDED_BY(_mutex);
   std::vector<RequestRecord> _requests ZB_GUARDED_BY(_mutex);
   // "user\x1fclass" -> time of the last accepted call
   std::map<std::string, double> _lastCall ZB_GUARDED_BY(_mutex);
+  std::map<std::string, std::size_t> _violations ZB_GUARDED_BY(_mutex);  // per user
   std::function<double()> _clock ZB_GUARDED_BY(_mutex);
   std::uint64_t _stateVersion ZB_GUARDED_BY(_mutex) = 0;
   // posts/all without filters, cached per account version: the big answer.

@@ -165,8 +165,25 @@ void appendFeedItem(std::string& out, const Bookmark& b, const std::string& auth
   out += "]}";
 }
 
-std::string dump(const nlohmann::json& value, const Quirks& quirks) {
-  std::string s = value.dump(-1, ' ', quirks.escapeNonASCII, nlohmann::json::error_handler_t::replace);
+std::string wellFormedUTF8(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    unsigned code = 0;
+    std::size_t n = decodeUTF8(text, i, code);
+    if (n == 0) {
+      out += "\xef\xbf\xbd";
+      ++i;
+    } else {
+      out.append(text.data() + i, n);
+      i += n;
+    }
+  }
+  return out;
+}
+
+std::string dump(const nlohmann::ordered_json& value, const Quirks& quirks) {
+  std::string s = value.dump(-1, ' ', quirks.escapeNonASCII, nlohmann::ordered_json::error_handler_t::replace);
   if (!quirks.escapeSlashes) return s;
   // A '/' can only occur inside a string literal, so every one is escaped.
   std::string out;

@@ -16,11 +16,11 @@ namespace pinboard_sim {
 // Each switch reproduces one habit of the live service. The defaults match the
 // recorded exchanges; tests turn them on and off to prove a client copes.
 struct Quirks {
-  bool stringCounts = true;         // tags/get, posts/dates counts and notes/list length as strings
+  bool stringCounts = false;        // tags/get, posts/dates counts and notes/list length as strings (before 2020)
   bool emptyMapAsArray = true;      // an empty map is sent as []
   bool trailingWhitespace = true;   // bodies end with "\n\t" (posts/all: "\t")
   bool escapeSlashes = true;        // "/" written as "\/"
-  bool escapeNonASCII = false;      // non-ASCII written as \uXXXX instead of raw UTF-8
+  bool escapeNonASCII = true;       // non-ASCII as \uXXXX (surrogate pairs above U+FFFF); off: raw UTF-8
   bool byteOrderMark = false;       // bodies begin with U+FEFF
   bool textPlain = true;            // Content-Type text/plain instead of application/json
   bool untaggedFeedItemEmptyTag = true;  // feed items without tags carry "t":[""]
@@ -28,6 +28,8 @@ struct Quirks {
   bool keepTimeOnReplace = true;    // posts/add replacing without dt keeps the old time
   bool includeOthers = false;       // posts carry "others" when known
   bool gzip = false;                // compress text/plain answers when the client accepts it
+  bool inclusiveDateRange = false;  // posts/all fromdt/todt include their ends (default: exclusive)
+  bool truncateOverlong = false;    // posts/add cuts over-long title, text, tags instead of refusing
 };
 
 // Appends text as a JSON string literal, quotes included. Invalid UTF-8 bytes
@@ -43,8 +45,12 @@ std::string postsArray(const std::vector<const Bookmark*>& posts, const Quirks& 
 void appendFeedItem(std::string& out, const Bookmark& b, const std::string& author, bool privateTags,
                     const Quirks& quirks);
 
-// Serialises a small JSON document with the slash and ASCII quirks.
-std::string dump(const nlohmann::json& value, const Quirks& quirks);
+// Serialises a small JSON document with the slash and ASCII quirks. Ordered:
+// keys go out in the order they were put in, as the service writes them.
+std::string dump(const nlohmann::ordered_json& value, const Quirks& quirks);
+// text with every byte that is not well-formed UTF-8 replaced by U+FFFD: what
+// the simulator stores, so that what it answers is what it holds.
+std::string wellFormedUTF8(std::string_view text);
 // The body as sent: optional BOM before, optional trailing whitespace after.
 std::string frame(std::string json, const Quirks& quirks, std::string_view trailer = "\n\t");
 

@@ -38,6 +38,8 @@ bool setQuirk(Quirks& q, const std::string& setting, std::string& error) {
       {"keep-time-on-replace", &Quirks::keepTimeOnReplace},
       {"include-others", &Quirks::includeOthers},
       {"gzip", &Quirks::gzip},
+      {"inclusive-date-range", &Quirks::inclusiveDateRange},
+      {"truncate-overlong", &Quirks::truncateOverlong},
   };
   for (const auto& [n, member] : table) {
     if (name == n) {
@@ -71,16 +73,21 @@ int main(int argc, char** argv) {
   app.add_option("--bookmarks", bookmarks, "Generated bookmarks for each --seed-user account");
   app.add_option("--generator-seed", generatorSeed, "Seed of the bookmark generator")->capture_default_str();
   app.add_option("--fault", faults,
-                 "Fault PATH:ITEMS, items status=N, delay=S, garbage, truncate, empty, drop, cut, times=N, after=N "
-                 "(repeatable)");
+                 "Fault PATH:ITEMS, items status=N, delay=S, garbage, truncate, empty, drop, cut, bom, apply "
+                 "(serve the call, a write included, then spoil the answer), times=N, after=N (repeatable)");
   app.add_flag("--rate-limits", serviceLimits, "Enforce the service's rate limits (3 s, 60 s recent, 300 s all)");
   app.add_option("--rate-general", rateGeneral, "Seconds between any two calls of a user");
   app.add_option("--rate-recent", rateRecent, "Seconds between two posts/recent calls of a user");
   app.add_option("--rate-all", rateAll, "Seconds between two posts/all calls of a user");
+  app.add_option("--feed-count", options.feeds.defaultCount, "Feed items without ?count=")->capture_default_str();
+  app.add_option("--feed-max-count", options.feeds.maxCount, "Feed items at most, whatever ?count= asks")
+      ->capture_default_str();
+  app.add_option("--feed-lag", options.feeds.lag, "Seconds before an API write shows in the feeds")
+      ->capture_default_str();
   app.add_option("--quirk", quirkSettings,
                  "NAME=on|off: string-counts, empty-map-as-array, trailing-whitespace, escape-slashes, "
                  "escape-non-ascii, bom, text-plain, untagged-feed-empty-tag, feed-dates-with-offset, "
-                 "keep-time-on-replace, include-others, gzip (repeatable)");
+                 "keep-time-on-replace, include-others, gzip, inclusive-date-range, truncate-overlong (repeatable)");
   CLI11_PARSE(app, argc, argv);
 
   for (const auto& setting : quirkSettings) {
@@ -179,5 +186,6 @@ int main(int argc, char** argv) {
   }
   sim.stop();
   save();
+  if (std::size_t refused = sim.rateLimitViolations()) std::cerr << "pinboard-sim: " << refused << " calls came too soon (429)\n";
   return 0;
 }

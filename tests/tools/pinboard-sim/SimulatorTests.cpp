@@ -3,8 +3,13 @@
 #include <httplib.h>
 
 #include <atomic>
+#include <cctype>
+#include <cmath>
+#include <functional>
+#include <set>
 #include <nlohmann/json.hpp>
 #include <thread>
+#include <tuple>
 
 #include "pinboard-sim/Simulator.h"
 #include "support/TemporaryDirectory.h"
@@ -68,6 +73,7 @@ TEST_F(SimulatorTest, AuthenticationTakesTokenOrPasswordAndAnswers401Otherwise) 
   basic.set_basic_auth("alice", "looking-glass");
   auto wrongPassword = basic.Get("/v1/posts/update?format=json");
   EXPECT_EQ(wrongPassword->status, 401);
+  EXPECT_EQ(wrongPassword->reason, "Forbidden") << "the service's reason phrase";
   EXPECT_TRUE(json::parse(wrongPassword->body, nullptr, false).is_discarded()) << "401 bodies are not JSON";
 
   EXPECT_EQ(get("/v1/posts/update", {}, "none")->status, 401);
@@ -118,7 +124,7 @@ TEST_F(SimulatorTest, AddReplacesTheWholeBookmarkAndKeepsHashStable) {
   EXPECT_EQ(second->time, first->time) << "a replace without dt keeps the time";
   EXPECT_EQ(second->hash, first->hash);
   EXPECT_NE(second->meta, first->meta);
-  EXPECT_GT(sim.updateTime("alice"), updated) << "two changes in one second still move the update time";
+  EXPECT_EQ(sim.updateTime("alice"), updated) << "two changes in one second share the update time";
 
   // Re-sending identical data leaves the signature alone.
   std::string meta = second->meta;
@@ -162,6 +168,7 @@ TEST_F(SimulatorTest, DeleteAnswersItemNotFoundForUnknownURLs) {
   std::int64_t before = sim.updateTime("alice");
   EXPECT_EQ(call("/v1/posts/delete", {{"url", "https://a.org"}}).value("result_code", ""), "item not found");
   EXPECT_EQ(sim.updateTime("alice"), before) << "a failed delete changes nothing";
+  now = now + 1;
   EXPECT_EQ(call("/v1/posts/delete", {{"url", "https://a.org/"}}).value("result_code", ""), "done");
   EXPECT_FALSE(sim.bookmark("alice", "https://a.org/"));
   EXPECT_GT(sim.updateTime("alice"), before);
@@ -182,8 +189,9 @@ TEST_F(SimulatorTest, PostListsFilterAndOrderLikeTheService) {
   EXPECT_EQ(got["date"], "2020-01-03T23:59:59Z");
   EXPECT_EQ(hrefs(got["posts"]), (std::vector<std::string>{"https://4.org/", "https://5.org/"}))
       << "without arguments: the day of the newest bookmark";
-  EXPECT_EQ(hrefs(call("/v1/posts/get", {{"dt", "2020-01-01"}})["posts"]),
-            (std::vector<std::string>{"https://2.org/", "https://1.org/"}));
+  json day = call("/v1/posts/get", {{"dt", "2020-01-01"}});
+  EXPECT_EQ(hrefs(day["posts"]), (std::vector<std::string>{"https://2.org/", "https://1.org/"}));
+  EXPECT_EQ(day["date"], "2020-01-01T12:00:00Z") << "the first post listed";
   EXPECT_EQ(hrefs(call("/v1/posts/get", {{"url", "https://3.org/"}})["posts"]), (std::vector<std::string>{"https://3.org/"}));
   json none = call("/v1/posts/get", {{"url", "https://none.org/"}});
   EXPECT_TRUE(none["posts"].is_array() && none["posts"].empty());
@@ -203,9 +211,9 @@ TEST_F(SimulatorTest, PostListsFilterAndOrderLikeTheService) {
   EXPECT_EQ(hrefs(call("/v1/posts/all", {{"tag", "x Y"}})), (std::vector<std::string>{"https://4.org/", "https://1.org/"}));
   EXPECT_EQ(hrefs(call("/v1/posts/all", {{"start", "1"}, {"results", "2"}})),
             (std::vector<std::string>{"https://5.org/", "https://3.org/"}));
-  EXPECT_EQ(hrefs(call("/v1/posts/all", {{"fromdt", "2020-01-01T12:00:00Z"}, {"todt", "2020-01-03T00:00:00Z"}})),
-            (std::vector<std::string>{"https://5.org/", "https://3.org/", "https://2.org/"}))
-      << "both bounds are inclusive";
+  EXPECT_EQ(hrefs(call("/v1/posts/all", {{"fromdt", "2020-01-01T12:00:00Z"}, {"todt", "2020-01-03T00:00:01Z"}})),
+            (std::vector<std::string>{"https://5.org/", "https://3.org/"}))
+      << "created after fromdt and before todt";
   auto empty = get("/v1/posts/all", {{"tag", "nothing"}});
   EXPECT_EQ(empty->body, "[]\t");
 
@@ -226,16 +234,17 @@ TEST_F(SimulatorTest, CountsAndEmptyMapsFollowTheQuirkSwitches) {
 
   ASSERT_EQ(add("https://1.org/", {{"dt", "2020-01-01T10:00:00Z"}, {"tags", "a b"}}), "done");
   ASSERT_EQ(add("https://2.org/", {{"dt", "2020-01-01T11:00:00Z"}, {"tags", "a"}}), "done");
-  EXPECT_EQ(call("/v1/tags/get"), json({{"a", "2"}, {"b", "1"}}));
+  EXPECT_EQ(call("/v1/tags/get"), json({{"a", 2}, {"b", 1}}));
   dates = call("/v1/posts/dates", {{"tag", "a b"}});
-  EXPECT_EQ(dates["dates"], json({{"2020-01-01", "1"}}));
+  EXPECT_EQ(dates["dates"], json({{"2020-01-01", 1}}));
   EXPECT_EQ(dates["tag"], "a+b");
 
   Quirks q = sim.quirks();
-  q.stringCounts = false;
+  q.stringCounts = true;
   q.emptyMapAsArray = false;
   sim.setQuirks(q);
-  EXPECT_EQ(call("/v1/tags/get"), json({{"a", 2}, {"b", 1}}));
+  EXPECT_EQ(call("/v1/tags/get"), json({{"a", "2"}, {"b", "1"}}));
+  EXPECT_EQ(call("/v1/posts/dates", {{"tag", "a"}})["dates"], json({{"2020-01-01", "2"}}));
   EXPECT_EQ(call("/v1/posts/dates", {{"tag", "zzz"}})["dates"], json::object());
 }
 
@@ -244,6 +253,7 @@ TEST_F(SimulatorTest, TagRenameFoldsAndDeleteAlwaysSaysDone) {
   ASSERT_EQ(add("https://2.org/", {{"tags", "old new"}}), "done");
   std::string meta1 = sim.bookmark("alice", "https://1.org/")->meta;
   std::int64_t before = sim.updateTime("alice");
+  now = now + 1;
 
   EXPECT_EQ(call("/v1/tags/rename", {{"old", "OLD"}, {"new", "new"}}), json({{"result", "done"}}));
   EXPECT_EQ(sim.bookmark("alice", "https://1.org/")->tags, (std::vector<std::string>{"new", "keep"}));
@@ -259,6 +269,7 @@ TEST_F(SimulatorTest, TagRenameFoldsAndDeleteAlwaysSaysDone) {
   EXPECT_EQ(call("/v1/tags/delete", {{"tag", "unknown"}}), json({{"result", "done"}}));
   EXPECT_EQ(call("/v1/tags/delete", {}), json({{"result", "done"}}));
   EXPECT_EQ(sim.updateTime("alice"), before) << "nothing changed, nothing bumped";
+  now = now + 1;
   EXPECT_EQ(call("/v1/tags/delete", {{"tag", "NEW"}}), json({{"result", "done"}}));
   EXPECT_EQ(sim.tagCounts("alice"), (std::map<std::string, int>{{"keep", 1}}));
   EXPECT_GT(sim.updateTime("alice"), before);
@@ -288,7 +299,7 @@ TEST_F(SimulatorTest, SuggestUserNotesAndXML) {
   ASSERT_TRUE(sim.addNote("alice", "Test note", "This is a note for `pinboard.js` tests", 1423818502, 1423818502));
   json list = call("/v1/notes/list");
   EXPECT_EQ(list["count"], 1);
-  EXPECT_EQ(list["notes"][0]["length"], "38");
+  EXPECT_EQ(list["notes"][0]["length"], 38);
   EXPECT_EQ(list["notes"][0]["hash"], "b001e4e34e76b3b93b32");
   EXPECT_EQ(list["notes"][0]["created_at"], "2015-02-13 09:08:22");
   json note = call("/v1/notes/" + list["notes"][0]["id"].get<std::string>());
@@ -385,13 +396,13 @@ TEST_F(SimulatorTest, WireQuirksCanBeSwitched) {
   auto body = [&] { return get("/v1/posts/all")->body; };
   std::string def = body();
   EXPECT_NE(def.find("https:\\/\\/a.org\\/x"), std::string::npos);
-  EXPECT_NE(def.find("Café ✔ 🎉"), std::string::npos);
+  EXPECT_NE(def.find("Caf\\u00e9 \\u2714 \\ud83c\\udf89"), std::string::npos) << def;
   EXPECT_EQ(def.back(), '\t');
   EXPECT_EQ(get("/v1/posts/all")->get_header_value("Content-Type"), "text/plain; charset=utf-8");
 
   Quirks q;
   q.escapeSlashes = false;
-  q.escapeNonASCII = true;
+  q.escapeNonASCII = false;
   q.byteOrderMark = true;
   q.trailingWhitespace = false;
   q.textPlain = false;
@@ -400,7 +411,7 @@ TEST_F(SimulatorTest, WireQuirksCanBeSwitched) {
   EXPECT_EQ(other.substr(0, 3), "\xef\xbb\xbf");
   EXPECT_EQ(other.back(), ']');
   EXPECT_NE(other.find("https://a.org/x"), std::string::npos);
-  EXPECT_NE(other.find("Caf\\u00e9 \\u2714 \\ud83c\\udf89"), std::string::npos) << other;
+  EXPECT_NE(other.find("Café ✔ 🎉"), std::string::npos) << other;
   EXPECT_EQ(get("/v1/posts/all")->get_header_value("Content-Type"), "application/json; charset=utf-8");
   // Both forms decode to the same data.
   EXPECT_EQ(json::parse(other.substr(3)), json::parse(def));
@@ -487,9 +498,14 @@ TEST(SimulatorFault, ParsesFaultSettingsAndRejectsNonsense) {
   EXPECT_FALSE(f->matches("/json/u:bob/"));
   EXPECT_TRUE(Fault::parse(":drop")->matches("/anything"));
   EXPECT_TRUE(Fault::parse("/v1/posts/all:cut")->cut);
+  auto applied = Fault::parse("/v1/posts/add:status=500,times=1,apply,bom");
+  ASSERT_TRUE(applied);
+  EXPECT_TRUE(applied->apply && applied->bom);
+  EXPECT_EQ(applied->status, 500);
   std::string error;
   for (const char* bad : {"", "/v1/posts/all", "/v1/posts/all:", "/v1/posts/all:times=3", "/x:status=99",
-                          "/x:status=abc", "/x:delay=-1", "/x:explode", "/x:garbage=1", "/x:times=-1"}) {
+                          "/x:status=abc", "/x:delay=-1", "/x:explode", "/x:garbage=1", "/x:times=-1", "/x:apply",
+                          "/x:apply=yes", "/x:bom=1"}) {
     error.clear();
     EXPECT_FALSE(Fault::parse(bad, &error)) << bad;
     EXPECT_FALSE(error.empty()) << bad;
@@ -513,6 +529,7 @@ TEST_F(SimulatorTest, RateLimitsAnswer429UntilTheIntervalHasPassed) {
   EXPECT_EQ(get("/v1/posts/recent")->status, 200);
   now = now + 3;
   EXPECT_EQ(get("/v1/posts/recent")->status, 429);
+  EXPECT_EQ(sim.rateLimitViolations("alice"), 4u) << "every 429 for coming too soon is counted";
 
   // Limits are per user; feeds are not limited.
   AccountSeed bob;
@@ -520,6 +537,9 @@ TEST_F(SimulatorTest, RateLimitsAnswer429UntilTheIntervalHasPassed) {
   std::string bobToken = sim.addAccount(bob);
   EXPECT_EQ(get("/v1/posts/update", {{"auth_token", bobToken}}, "")->status, 200);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(get("/json/recent/", {}, "none")->status, 200);
+  EXPECT_EQ(get("/v1/posts/update", {{"auth_token", bobToken}}, "")->status, 429);
+  EXPECT_EQ(sim.rateLimitViolations("bob"), 1u);
+  EXPECT_EQ(sim.rateLimitViolations(), 5u);
   sim.setRateLimits({});
   EXPECT_EQ(get("/v1/posts/recent")->status, 200);
 }
@@ -544,7 +564,7 @@ TEST_F(SimulatorTest, ConcurrentClientsLoseNoWrite) {
   EXPECT_EQ(failures.load(), 0);
   EXPECT_EQ(sim.bookmarkCount("alice"), std::size_t(kThreads * kEach));
   EXPECT_EQ(call("/v1/posts/all").size(), std::size_t(kThreads * kEach));
-  EXPECT_GE(sim.updateTime("alice"), 1700000000 + kThreads * kEach - 1) << "every change moved the update time";
+  EXPECT_EQ(sim.updateTime("alice"), 1700000000) << "whole seconds of the clock, never ahead of it";
   EXPECT_EQ(sim.tagCounts("alice").size(), std::size_t(kThreads));
 }
 
@@ -577,6 +597,7 @@ TEST(SimulatorGenerator, IsDeterministicAndRealistic) {
   std::set<std::string> urls;
   std::map<std::string, int> tagUse;
   int priv = 0, unread = 0, starred = 0, sourced = 0, nonASCII = 0, untagged = 0;
+  int sameTime = 0, untitled = 0, astral = 0, decomposed = 0, untidyNotes = 0;
   for (std::size_t i = 0; i < a.size(); ++i) {
     const Bookmark& x = a[i];
     urls.insert(x.url);
@@ -591,13 +612,29 @@ TEST(SimulatorGenerator, IsDeterministicAndRealistic) {
     untagged += x.tags.empty();
     nonASCII += std::any_of(x.title.begin(), x.title.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
     for (const auto& t : x.tags) ++tagUse[t];
+    sameTime += i && x.time == a[i - 1].time;
+    untitled += x.title.empty() || x.title == "[no title]";
+    astral += x.title.find_first_of("\xf0\xf1\xf2\xf3\xf4") != std::string::npos;
+    decomposed += x.title.find("\xcc") != std::string::npos || x.title.find("\xe1\x84") != std::string::npos;
+    untidyNotes += !x.extended.empty() && std::isspace(static_cast<unsigned char>(x.extended.back()));
+    std::set<std::string> folded;
+    for (const auto& t : x.tags) folded.insert(foldTag(t));
+    EXPECT_EQ(folded.size(), x.tags.size()) << "no two case variants of a tag on one bookmark";
   }
+  // The untidiness of real accounts, each in its share.
+  EXPECT_NEAR(sameTime, 700, 250) << "import runs";
+  EXPECT_NEAR(untitled, 120, 50);
+  EXPECT_NEAR(astral, 150, 60);
+  EXPECT_NEAR(decomposed, 90, 45);
+  EXPECT_NEAR(untidyNotes, 180, 70);
+  for (const char* odd : {"home+improvement", "c#", "drum&bass", "for:someone", "!tobuy", "c/c++"})
+    EXPECT_GT(tagUse[odd], 5) << odd;
   EXPECT_EQ(urls.size(), a.size());
   EXPECT_NEAR(priv, 600, 120);
   EXPECT_NEAR(unread, 450, 100);
   EXPECT_NEAR(starred, 240, 80);
   EXPECT_NEAR(sourced, 360, 90);
-  EXPECT_NEAR(nonASCII, 360, 90);
+  EXPECT_NEAR(nonASCII, 600, 100);
   EXPECT_GT(untagged, 100);
   // Zipf: the most used tag is far more common than the median one.
   std::vector<int> uses;
@@ -652,7 +689,7 @@ TEST(SimulatorExecutable, PrintsItsAddressAndServesSeededUsers) {
   TemporaryDirectory dir;
   const std::string state = (dir / "state.json").string();
   std::string command = binary + " --port 0 --seed-user eve:EVETOKEN --bookmarks 30 --state " + state +
-                        " --fault /v1/posts/recent:status=500 & echo $!";
+                        " --fault /v1/posts/recent:status=500 --fault /v1/posts/delete:status=500,times=1,apply & echo $!";
   FILE* out = popen(command.c_str(), "r");
   ASSERT_TRUE(out);
   char line[256] = {};
@@ -669,15 +706,266 @@ TEST(SimulatorExecutable, PrintsItsAddressAndServesSeededUsers) {
   EXPECT_EQ(client.Get("/v1/posts/recent?format=json&auth_token=eve:EVETOKEN")->status, 500);
   EXPECT_EQ(client.Get("/v1/posts/delete?format=json&auth_token=eve:EVETOKEN&url=" +
                        httplib::detail::encode_query_param(json::parse(all->body)[0]["href"].get<std::string>()))
-                ->body.substr(0, 22),
-            "{\"result_code\":\"done\"}");
+                ->status,
+            500)
+      << "the deletion is stored, then answered with an error";
   kill(pid, SIGTERM);
   pclose(out);
   // The simulator writes its state on the way out; wait for it to be gone.
   ASSERT_TRUE(WaitUntil([pid] { return kill(pid, 0) != 0; }));
   Simulator restored;
   ASSERT_TRUE(restored.loadSeedFile(state));
-  EXPECT_EQ(restored.bookmarkCount("eve"), 29u) << "the state file holds the deletion";
+  EXPECT_EQ(restored.bookmarkCount("eve"), 29u) << "the state file holds the deletion made behind the error";
+}
+
+TEST_F(SimulatorTest, UpdateTimeIsTheWholeSecondOfTheLastWrite) {
+  const std::string url = "https://w.org/";
+  ASSERT_EQ(add(url, {{"tags", "t"}}), "done");
+  // API writes and the seeding helpers alike, in an order where each applies.
+  const std::pair<const char*, std::function<bool()>> writes[] = {
+      {"posts/add", [&] { return add(url, {{"tags", "t"}}) == "done"; }},
+      {"tags/rename", [&] { return call("/v1/tags/rename", {{"old", "t"}, {"new", "u"}})["result"] == "done"; }},
+      {"tags/delete", [&] { return call("/v1/tags/delete", {{"tag", "u"}})["result"] == "done"; }},
+      {"posts/delete", [&] { return call("/v1/posts/delete", {{"url", url}})["result_code"] == "done"; }},
+      {"addBookmark", [&] { return sim.addBookmark("alice", Bookmark{.url = url, .time = 2000000000}); }},
+      {"setStarred", [&] { return sim.setStarred("alice", url, true); }},
+      {"setSource", [&] { return sim.setSource("alice", url, "pocket"); }},
+      {"generateBookmarks", [&] { return sim.generateBookmarks("alice", 3); }},
+  };
+  for (const auto& [name, write] : writes) {
+    now = now + 1.75;
+    ASSERT_TRUE(write()) << name;
+    const auto second = static_cast<std::int64_t>(now.load());
+    EXPECT_EQ(sim.updateTime("alice"), second) << name << ": the clock's second, never ahead of it";
+    EXPECT_EQ(call("/v1/posts/update")["update_time"], formatDateTime(second)) << name;
+  }
+  now = std::floor(now.load()) + 0.1;
+  ASSERT_EQ(add("https://x.org/"), "done");
+  const std::int64_t first = sim.updateTime("alice");
+  now = now + 0.8;
+  ASSERT_EQ(add("https://y.org/"), "done");
+  EXPECT_EQ(sim.updateTime("alice"), first) << "two writes in one second share it";
+}
+
+TEST_F(SimulatorTest, MalformedDatesAreRefusedNeverReadAsNoLimit) {
+  ASSERT_EQ(add("https://a.org/", {{"dt", "2020-01-01T10:00:00Z"}}), "done");
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"/v1/posts/all", "fromdt", "2020-01-01"},  // a day where a time is due
+      {"/v1/posts/all", "fromdt", ""},
+      {"/v1/posts/all", "todt", "2020-13-01T00:00:00Z"},
+      {"/v1/posts/all", "todt", "yesterday"},
+      {"/v1/posts/get", "dt", "2020-02-30"},
+      {"/v1/posts/get", "dt", "01/01/2020"},
+      {"/v1/posts/add", "dt", "2020-01-01 10:00:00"},
+      {"/v1/posts/add", "dt", "2020-01-01T10:00:00+02:00"},
+  };
+  for (const auto& [path, name, value] : cases) {
+    httplib::Params params{{name, value}};
+    if (std::string(path) == "/v1/posts/add") params.insert({{"url", "https://b.org/"}, {"description", "b"}});
+    EXPECT_EQ(call(path, params), json({{"result_code", "something went wrong"}})) << path << " " << name << "=" << value;
+  }
+  EXPECT_FALSE(sim.bookmark("alice", "https://b.org/"));
+  EXPECT_NE(get("/v1/posts/all", {{"format", "xml"}, {"todt", "soon"}})->body.find("<result code=\"something went wrong\" />"),
+            std::string::npos);
+
+  now = now + 100;
+  ASSERT_EQ(add("https://a.org/", {{"dt", ""}}), "done");
+  EXPECT_EQ(sim.bookmark("alice", "https://a.org/")->time, 1700000100) << "an empty dt is now, also on a replace";
+}
+
+TEST_F(SimulatorTest, RangesAndPagingHoldWhenManyBookmarksShareOneSecond) {
+  // An import: forty bookmarks in one second, one just before and one just after.
+  const std::int64_t t = 1600000000;
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://before/", .time = t - 1}));
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://after/", .time = t + 1}));
+  for (int i = 139; i >= 100; --i)
+    ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://import/" + std::to_string(i), .time = t}));
+  const std::string before = formatDateTime(t - 1), at = formatDateTime(t), after = formatDateTime(t + 1);
+  const std::tuple<std::string, std::string, bool, std::size_t> ranges[] = {
+      {at, "", false, 1},       {at, "", true, 41},       {before, "", false, 41}, {"", at, false, 1},
+      {"", at, true, 41},       {before, after, false, 40}, {before, after, true, 42}, {at, at, false, 0},
+      {at, at, true, 40},
+  };
+  for (const auto& [from, to, inclusive, count] : ranges) {
+    Quirks q;
+    q.inclusiveDateRange = inclusive;
+    sim.setQuirks(q);
+    httplib::Params params;
+    if (!from.empty()) params.emplace("fromdt", from);
+    if (!to.empty()) params.emplace("todt", to);
+    EXPECT_EQ(call("/v1/posts/all", params).size(), count) << from << " .. " << to << (inclusive ? " inclusive" : "");
+  }
+  sim.setQuirks({});
+
+  // Newest first, one second's bookmarks by URL: pages put together give the
+  // whole list, and every list agrees on the order.
+  const std::vector<std::string> all = hrefs(call("/v1/posts/all"));
+  ASSERT_EQ(all.size(), 42u);
+  EXPECT_EQ(all[1], "https://import/100");
+  EXPECT_EQ(all[40], "https://import/139");
+  std::vector<std::string> paged;
+  for (int start = 0; start < 42; start += 8) {
+    auto page = hrefs(call("/v1/posts/all", {{"start", std::to_string(start)}, {"results", "8"}}));
+    paged.insert(paged.end(), page.begin(), page.end());
+  }
+  EXPECT_EQ(paged, all);
+  EXPECT_EQ(hrefs(call("/v1/posts/recent", {{"count", "5"}})["posts"]), std::vector<std::string>(all.begin(), all.begin() + 5));
+  json day = call("/v1/posts/get", {{"dt", formatDate(t)}});
+  EXPECT_EQ(hrefs(day["posts"]), all);
+  EXPECT_EQ(day["date"], after);
+}
+
+TEST_F(SimulatorTest, WhatAddStoresIsWhatItAnswersSoResendingItChangesNothing) {
+  Quirks truncating;
+  truncating.truncateOverlong = true;
+  sim.setQuirks(truncating);
+  std::string manyTags;
+  for (int i = 0; i < 104; ++i) manyTags += "t" + std::to_string(i) + ",";
+  struct Case {
+    const char* what;
+    httplib::Params params;
+    std::string url;  // as stored
+    std::vector<std::string> tags;
+  };
+  const Case cases[] = {
+      {"commas and whitespace split tags, case variants fold",
+       {{"url", "https://a.org/"}, {"tags", "a,b\tB  c,,\nd"}}, "https://a.org/", {"a", "b", "c", "d"}},
+      {"feed: stands for http:", {{"url", "feed://f.org/rss"}}, "http://f.org/rss", {}},
+      {"feed: before a whole address", {{"url", "feed:https://g.org/rss"}}, "https://g.org/rss", {}},
+      {"bytes that are not UTF-8", {{"url", "https://u.org/"}, {"description", "bad \xff"}, {"tags", "caf\xe9"}},
+       "https://u.org/", {"caf\xef\xbf\xbd"}},
+      {"over-long title and tags are cut",
+       {{"url", "https://l.org/"}, {"description", std::string(300, 'x')}, {"tags", std::string(300, 'z') + " " + manyTags}},
+       "https://l.org/", {}},
+      {"an empty dt", {{"url", "https://d.org/"}, {"dt", ""}, {"extended", "notes \xf0\x9f\x8e\x89 \n"}}, "https://d.org/", {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    httplib::Params params = c.params;
+    if (!params.count("description")) params.emplace("description", "Title");
+    ASSERT_EQ(call("/v1/posts/add", params)["result_code"], "done");
+    json read = call("/v1/posts/get", {{"url", c.url}})["posts"];
+    ASSERT_EQ(read.size(), 1u);
+    const json post = read[0];
+    if (!c.tags.empty()) {
+      EXPECT_EQ(splitTags(post["tags"].get<std::string>()), c.tags);
+    }
+    EXPECT_LE(characterCount(post["description"].get<std::string>()), 255u);
+    EXPECT_LE(splitTags(post["tags"].get<std::string>()).size(), 100u);
+    for (const auto& t : splitTags(post["tags"].get<std::string>())) EXPECT_LE(characterCount(t), 255u);
+    // Push back what was pulled: the stored bookmark does not change.
+    httplib::Params back;
+    for (const char* key : {"href", "description", "extended", "tags", "time", "shared", "toread"})
+      back.emplace(std::string(key) == "href" ? "url" : std::string(key) == "time" ? "dt" : key, post[key].get<std::string>());
+    ASSERT_EQ(call("/v1/posts/add", back)["result_code"], "done");
+    EXPECT_EQ(call("/v1/posts/get", {{"url", c.url}})["posts"][0], post);
+  }
+  EXPECT_EQ(sim.bookmarkCount("alice"), std::size(cases));
+  EXPECT_EQ(hrefs(call("/v1/posts/all", {{"tag", "A,d"}})), std::vector<std::string>{"https://a.org/"}) << "ANDed";
+  EXPECT_EQ(call("/v1/posts/all", {{"tag", "a,nothing"}}), json::array());
+}
+
+TEST_F(SimulatorTest, AFaultWithApplyStoresTheWriteThenSpoilsTheAnswer) {
+  const std::string url = "https://w.org/";
+  const std::tuple<const char*, httplib::Params, std::function<bool()>> writes[] = {
+      {"/v1/posts/add", {{"url", url}, {"description", "w"}, {"tags", "t"}}, [&] { return sim.bookmarkCount("alice") == 1; }},
+      {"/v1/tags/rename", {{"old", "t"}, {"new", "u"}}, [&] { return sim.tagCounts("alice").count("u") == 1; }},
+      {"/v1/tags/delete", {{"tag", "u"}}, [&] { return sim.tagCounts("alice").empty(); }},
+      {"/v1/posts/delete", {{"url", url}}, [&] { return sim.bookmarkCount("alice") == 0; }},
+  };
+  for (const char* effect : {"status=500", "garbage", "bom", "cut", "drop"}) {
+    for (const auto& [path, params, stored] : writes) {
+      SCOPED_TRACE(std::string(path) + " " + effect);
+      auto spoiled = [&](const httplib::Result& r) {
+        return !r || r->status != 200 || r->body.rfind("\xef\xbb\xbf", 0) == 0 ||
+               json::parse(r->body, nullptr, false).is_discarded();
+      };
+      now = now + 10;
+      const std::int64_t before = sim.updateTime("alice");
+      sim.addFault(*Fault::parse(std::string(path) + ":" + effect + ",times=1"));
+      EXPECT_TRUE(spoiled(get(path, params)));
+      EXPECT_FALSE(stored()) << "without apply the fault replaces the call";
+      EXPECT_EQ(sim.updateTime("alice"), before);
+
+      sim.addFault(*Fault::parse(std::string(path) + ":" + effect + ",times=1,apply"));
+      EXPECT_TRUE(spoiled(get(path, params)));
+      EXPECT_TRUE(stored());
+      EXPECT_EQ(sim.updateTime("alice"), static_cast<std::int64_t>(now.load()));
+    }
+  }
+  sim.addFault(*Fault::parse("/v1/posts/add:bom,apply,times=1"));
+  auto bom = get("/v1/posts/add", {{"url", url}, {"description", "w"}});
+  ASSERT_TRUE(bom);
+  EXPECT_EQ(bom->body.substr(0, 3), "\xef\xbb\xbf");
+  EXPECT_EQ(json::parse(bom->body.substr(3)), json({{"result_code", "done"}}));
+}
+
+TEST_F(SimulatorTest, DefaultAnswersAreWrittenAsTheServiceWritesThem) {
+  ASSERT_TRUE(sim.generateBookmarks("alice", 120));
+  ASSERT_EQ(add("https://c.org/", {{"tags", "one,Two"}, {"description", "Tea \xf0\x9f\x8d\xb5 caf\xc3\xa9"}}), "done");
+  for (const char* path : {"/v1/posts/all", "/v1/posts/recent", "/v1/tags/get", "/json/u:alice/"}) {
+    std::string body = get(path)->body;
+    EXPECT_TRUE(std::all_of(body.begin(), body.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; }))
+        << path << ": non-ASCII goes out escaped";
+  }
+  std::string all = get("/v1/posts/all")->body;
+  EXPECT_NE(all.find("Tea \\ud83c\\udf75 caf\\u00e9"), std::string::npos) << "a surrogate pair above U+FFFF";
+  EXPECT_NE(all.find("\\ud83"), std::string::npos) << "generated accounts carry emoji";
+  EXPECT_EQ(call("/v1/posts/get", {{"url", "https://c.org/"}})["posts"][0]["tags"], "one Two");
+
+  // tags/get: integer counts, in the order of a case-insensitive collation.
+  auto tags = nlohmann::ordered_json::parse(get("/v1/tags/get")->body);
+  EXPECT_EQ(tags["Two"], 1);
+  std::string previous;
+  for (auto it = tags.begin(); it != tags.end(); ++it) {
+    EXPECT_TRUE(it.value().is_number_integer()) << it.key();
+    std::string upper = it.key();
+    for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    EXPECT_LE(previous, upper);
+    previous = upper;
+  }
+  // posts/dates: keys as the service orders them, newest date first.
+  auto dates = nlohmann::ordered_json::parse(get("/v1/posts/dates")->body);
+  std::vector<std::string> keys, days;
+  for (auto it = dates.begin(); it != dates.end(); ++it) keys.push_back(it.key());
+  EXPECT_EQ(keys, (std::vector<std::string>{"user", "tag", "dates"}));
+  for (auto it = dates["dates"].begin(); it != dates["dates"].end(); ++it) days.push_back(it.key());
+  ASSERT_GT(days.size(), 2u);
+  EXPECT_TRUE(std::is_sorted(days.rbegin(), days.rend()));
+  EXPECT_TRUE(dates["dates"].front().is_number_integer());
+}
+
+TEST_F(SimulatorTest, FeedsAreLaggingWindowsOntoTheNewest) {
+  sim.setFeedWindow({.defaultCount = 4, .maxCount = 10, .lag = 60});
+  ASSERT_TRUE(sim.generateBookmarks("alice", 1000));
+  std::vector<std::string> starred, fromPocket;
+  for (const Bookmark& b : sim.bookmarks("alice")) {
+    if (b.starred) starred.push_back(b.url);
+    if (b.source == "pocket") fromPocket.push_back(b.url);
+  }
+  ASSERT_GT(starred.size(), 10u);
+  ASSERT_GT(fromPocket.size(), 10u);
+  const std::string secret = "/json/secret:" + sim.rssKey("alice") + "/u:alice/";
+  auto feed = [&](const std::string& path, httplib::Params params = {}) { return json::parse(get(path, std::move(params), "none")->body); };
+  EXPECT_EQ(feed(secret + "starred/").size(), 4u);
+  EXPECT_EQ(hrefs(feed(secret + "starred/", {{"count", "400"}})), std::vector<std::string>(starred.begin(), starred.begin() + 10));
+  EXPECT_EQ(hrefs(feed(secret + "from:pocket/", {{"count", "400"}})),
+            std::vector<std::string>(fromPocket.begin(), fromPocket.begin() + 10));
+
+  // An API write reaches the feeds a minute later; until then they show the
+  // version before it.
+  now = now + 1000;
+  ASSERT_EQ(add("https://lag.org/", {{"description", "Old"}}), "done");
+  EXPECT_EQ(call("/v1/posts/recent", {{"count", "1"}})["posts"][0]["href"], "https://lag.org/") << "the API at once";
+  EXPECT_NE(feed("/json/u:alice/")[0]["u"], "https://lag.org/");
+  now = now + 61;
+  EXPECT_EQ(feed("/json/u:alice/")[0]["d"], "Old");
+  ASSERT_EQ(add("https://lag.org/", {{"description", "New"}}), "done");
+  now = now + 30;
+  ASSERT_EQ(add("https://lag.org/", {{"description", "Newer"}}), "done");
+  EXPECT_EQ(feed("/json/u:alice/")[0]["d"], "Old");
+  now = now + 61;
+  EXPECT_EQ(feed("/json/u:alice/")[0]["d"], "Newer");
 }
 
 }  // namespace
