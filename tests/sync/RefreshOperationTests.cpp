@@ -210,7 +210,10 @@ TEST_F(RefreshTest, MergeRulesAgainstEditsMadeDuringTheRun) {
   EXPECT_EQ(local["https://w.example/"][ZBTarrowPinboardPostTagsKey], Value(Set()));
   EXPECT_EQ(local["https://s.example/"][ZBTarrowPinboardPostStarredKey], Value(true));
 
-  // The next run pushes the survivors and settles.
+  // The next run pushes the survivors and settles. (Its push must land in a
+  // later second than the last merge: in the same second the service's date
+  // would not move, and the run would end before pulling the new meta.)
+  tick();
   expectRefreshes();
   EXPECT_EQ(sim.bookmark("alice", "https://x.example/")->title, "mine");
   expectInStep();
