@@ -17,15 +17,6 @@ namespace {
 
 using pinboard_sim::Bookmark;
 
-Bookmark bookmark(std::string url, std::string title, std::vector<std::string> tags = {}) {
-  Bookmark b;
-  b.url = std::move(url);
-  b.title = std::move(title);
-  b.tags = std::move(tags);
-  b.time = 1.7e9;
-  return b;
-}
-
 // The batch error's shape: code 0 in the library's domain, how many went
 // through, and the domain and code of each failure in item order.
 void expectBatchError(const NSErrorPtr& error, const std::string& description, std::size_t succeeded,

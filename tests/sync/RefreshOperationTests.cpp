@@ -101,15 +101,6 @@ private:
   int _version = 0;
 };
 
-Bookmark bookmark(std::string url, std::string title, std::vector<std::string> tags = {}) {
-  Bookmark b;
-  b.url = std::move(url);
-  b.title = std::move(title);
-  b.tags = std::move(tags);
-  b.time = 1.7e9;
-  return b;
-}
-
 TEST_F(RefreshTest, FirstRefreshTakesEverythingAndAnUnchangedAccountWritesNothing) {
   ASSERT_TRUE(sim.generateBookmarks("alice", 300));
   ASSERT_TRUE(sim.setStarred("alice", sim.bookmarks("alice")[3].url, true));

@@ -56,6 +56,16 @@ private:
   bool _open = false;
 };
 
+// A bookmark as the service would hold it (time: late 2023).
+inline pinboard_sim::Bookmark bookmark(std::string url, std::string title, std::vector<std::string> tags = {}) {
+  pinboard_sim::Bookmark b;
+  b.url = std::move(url);
+  b.title = std::move(title);
+  b.tags = std::move(tags);
+  b.time = 1700000000;
+  return b;
+}
+
 class SyncTest : public ::testing::Test {
 protected:
   void SetUp() override {
