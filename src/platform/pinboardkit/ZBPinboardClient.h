@@ -27,8 +27,11 @@
 // alive while they run. Thread-safe: every method may be called from any
 // thread, and operations may run at the same time.
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSObject.h"
@@ -40,6 +43,7 @@
 #include "platform/pinboardkit/ZBPinboardKit.h"
 #include "platform/pinboardkit/ZBPinboardRequestOperation.h"
 #include "platform/pinboardkit/impl/ZBPinboardRateLimiter.h"
+#include "platform/pinboardkit/impl/ZBPinboardThreads.h"
 
 class ZBPinboardClient final : public NSObject {
   // Only create() can make one: a client built without it would not have
@@ -135,39 +139,59 @@ public:
 private:
   struct Settings;
   struct Call;
-  enum class Reply;
+  struct Reply;
   using Params = std::vector<std::pair<std::string, std::string>>;  // a query's names and values
+  using OperationPointer = ZBPinboardRequestOperation::Pointer;
+  // Where a request's exchange ends: on a client thread, once, with the body
+  // of the HTTP 200 answer (or the posts read from it) or with the error.
+  using Then = std::function<void(Reply& reply)>;
+  // Reads a successful reply: the result, or absent and the error.
+  using Read = std::function<Value(Reply& reply, NSErrorPtr* error)>;
 
   std::shared_ptr<ZBPinboardClient> _self() {
     return std::static_pointer_cast<ZBPinboardClient>(shared_from_this());
   }
   Settings _settings() const;
   std::filesystem::path _credentialsPath() const;
-  // Performs call, spacing and retrying as configured. Fills body on an
-  // HTTP 200; false with the error otherwise.
-  [[nodiscard]] bool _perform(const Call& call, const ZBPinboardRequestOperation& operation, std::string& body,
-                              NSErrorPtr* error);
-  // An authenticated API call returning the body (or handing it to
-  // bodyConsumer as it arrives), or false with the error.
-  [[nodiscard]] bool _api(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
-                          std::string& body, NSErrorPtr* error,
-                          std::function<void(std::string_view)> bodyConsumer = nullptr);
-  // An API call that answers with a result text: true when it is "done" (or
-  // alsoDone), else false with the error, ZBPinboardKitServiceError carrying
-  // the service's words when it refused.
-  [[nodiscard]] bool _apiDone(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
-                              NSErrorPtr* error, std::string_view alsoDone = {});
+  static Operation _request(std::string method, std::function<void(const OperationPointer&)> body);
+  // A Then that completes operation with read's outcome, or the reply's error.
+  static Then _completing(const OperationPointer& operation, Read read);
+
+  // The exchange, in three steps: wait for a turn (no thread held), leave
+  // (credentials checked, on a transfer thread), answer (429 waits out its
+  // back-off and starts again at the first step).
+  void _perform(std::shared_ptr<const Call> call, const OperationPointer& operation, Then then, int attempt,
+                double backoff);
+  void _transfer(const std::shared_ptr<const Call>& call, const OperationPointer& operation, const Then& then,
+                 int attempt, double backoff, const ZBPinboardRateLimiter::Turn& turn);
+  [[nodiscard]] bool _sendReadingPosts(const Call& call, ZBHTTPRequest& request, ZBHTTPResponse& response,
+                                       const std::function<bool()>& cancelled, Reply& reply, NSErrorPtr* error);
+  void _backOff(std::shared_ptr<const Call> call, const OperationPointer& operation, Then then, int attempt,
+                double backoff, double wait);
+  // An authenticated API call under the credentials held now; without any,
+  // then gets ZBPinboardKitNotAuthenticatedError and nothing is sent.
+  void _api(const OperationPointer& operation, const std::string& method, Params params, Then then,
+            bool streamsPosts = false);
+  // An API call that answers with a result text: read gets it on success.
+  void _apiResult(const OperationPointer& operation, const std::string& method, Params params,
+                  std::function<void(const std::string& text)> read);
   Operation _authenticate(const std::string& username, const std::string& secret, bool password);
   Operation _feed(std::string name, std::string path, bool secret, std::uint64_t count);
-  Operation _sendPost(const Dictionary& properties, const char* name);
+  Operation _sendPost(const Dictionary& properties, const char* name, bool replace);
+  // After "item already exists" for a post sent without replacing: done when
+  // the stored bookmark is the one sent (a retry of a write the service kept
+  // behind an error), otherwise the service's refusal.
+  void _confirmExisting(const OperationPointer& operation, const Dictionary& sent, Value echo);
   // The feed key of the signed-in user (user/secret), fetched once per
-  // credentials.
-  [[nodiscard]] bool _rssKey(const ZBPinboardCredentials& credentials, const ZBPinboardRequestOperation& operation,
-                             std::string& key, NSErrorPtr* error);
+  // credentials; then gets it in the reply's body.
+  void _rssKey(const OperationPointer& operation, const ZBPinboardCredentials& credentials, Then then);
 
   const std::shared_ptr<NSUserDefaults> _defaults;
   const std::shared_ptr<ZBHTTPTransport> _transport;
-  ZBPinboardRateLimiter _limiter;
+  const std::shared_ptr<ZBPinboardTimerQueue> _timers;
+  const std::shared_ptr<ZBPinboardRateLimiter> _limiter;
+  // Bumped by logout(): a request started before it never leaves.
+  std::atomic<std::uint64_t> _logouts{0};
   mutable ZBMutex _mutex;
   std::shared_ptr<ZBPinboardCredentials> _credentials ZB_GUARDED_BY(_mutex);
   std::string _rssKeyValue ZB_GUARDED_BY(_mutex);
