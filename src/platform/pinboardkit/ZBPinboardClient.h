@@ -7,9 +7,33 @@
 // Requests read their settings from the user defaults given at creation, at
 // the moment they run (base URLs, time-outs, rate-limit spacing, back-off;
 // keys in ZBPinboardKit.h). They are spaced as the service asks (per client:
-// 3 s between API calls, 5 min between posts/all calls, by default), and an
-// HTTP 429 is retried after a wait that doubles each time, up to a cap and a
-// number of retries, before it becomes ZBPinboardKitRateLimitedError.
+// 3 s between API calls, 1 min between posts/recent and 5 min between
+// posts/all calls, by default), and an HTTP 429 is retried after a wait that
+// doubles each time, up to a cap and a number of retries, before it becomes
+// ZBPinboardKitRateLimitedError. A request waiting for its method's own turn
+// holds back the others by no more than the 3 s; a cancelled one takes no
+// turn from the next. Waiting holds no thread: the waits are timers on the
+// client's clock, and only the exchanges run on a few shared threads.
+//
+// Credentials are read when a request leaves, not when it is made: one
+// started under credentials that were then changed, cleared or logged out
+// fails with ZBPinboardKitUnauthorizedError and is never sent.
+//
+// Tags sent to the service (a post's tags, filters, renames, deletions) may
+// not contain a comma or whitespace: the service would split such a tag into
+// several, so the stored tags would no longer be the local ones. The request
+// fails with ZBPinboardKitInvalidArgumentError naming the tag
+// (NSLocalizedFailureReasonErrorKey) and nothing is sent; splitting is the
+// caller's choice to make, where the user can see it.
+//
+// Writes whose answer was lost (HTTP 5xx, an unreadable body, a dropped
+// connection) may still have been applied; retrying them converges, because
+// these answers count as done: "item not found" for a post deletion (it is
+// gone, as wanted); "done" for a tag rename or deletion whatever the tag's
+// state (the service answers so also for a tag it no longer has under the old
+// name); "done" for an update (it resends every field, so repeating it changes
+// nothing); and, for a create, "item already exists" when the stored bookmark
+// holds exactly what was sent (the first attempt's own write).
 //
 // Post dictionaries carry the model's keys (ZBPinboardPost…Key): identifier
 // (the service's hash), meta, url, title, desc, date (NSDate), shared and
@@ -88,11 +112,13 @@ public:
   // Result: NSDate of the last change to the user's bookmarks.
   Operation retrieveLastPostUpdateDate();
   // Result: Array of post dictionaries saved between startDate and endDate,
-  // both included (each an NSDate, or absent for no bound). tags: absent for
-  // all, else an array or set of at most three strings. The answer (tens of
-  // megabytes for a large account) is read while it arrives: the transfer
-  // runs on a thread of its own and the dictionaries are built on the
-  // operation's thread.
+  // both included (each an NSDate, or absent for no bound; whole seconds, and
+  // a post one second outside may come too, since the service may leave its
+  // ends out). tags: absent for all, else an array or set of at most three
+  // strings. Asks for the change signatures (meta); a list without them is
+  // read all the same. The answer (tens of megabytes for a large account) is
+  // read while it arrives, on two threads: one transfers, one builds the
+  // dictionaries.
   Operation retrieveAllPostsWithTagsStartDate(const Value& tags, const Value& startDate, const Value& endDate);
   // Result: Array of all the user's post dictionaries (newest first).
   Operation retrieveAllPostsWithTags(const Value& tags);
@@ -112,15 +138,26 @@ public:
   // repeats kept.
   Operation retrievePostSuggestedTagsForURL(const std::string& url);
   // Send every field of a bookmark (url required; title, desc, tags, date,
-  // shared, unread as present): the service replaces the whole bookmark for
-  // that URL. Result: {identifier, url}, identifier being the one sent (or
-  // the MD5 of the URL when none was). A refusal is ZBPinboardKitServiceError.
+  // shared, unread as present; absent ones go out empty, since a field left
+  // out would be erased). An empty title goes out as "[no title]", the
+  // service's own placeholder, because it refuses an empty one. Result:
+  // {identifier, url}, identifier being the one sent (or the MD5 of the URL
+  // when none was). A refusal is ZBPinboardKitServiceError with the service's
+  // words under ZBPinboardResultCodeErrorKey.
+  //
+  // Creating never replaces: a new bookmark (from the share extension, say)
+  // for an address the user already saved on the service must not silently
+  // destroy the saved notes and tags. When the service has one, it is left as
+  // it is and the request fails with ZBPinboardKitServiceError, result code
+  // "item already exists" (unless it holds exactly what was sent: see the
+  // retries above). Updating replaces the whole bookmark for that URL.
   Operation createPostWithProperties(const Dictionary& properties);
   Operation updatePostWithProperties(const Dictionary& properties);
   // Result: {identifier, url} as above. A bookmark the service no longer has
   // counts as deleted.
   Operation deletePostWithProperties(const Dictionary& properties);
-  // Result: the new title (a string).
+  // Result: the new title (a string). An old title the service does not know
+  // (any more) succeeds; an empty new one is refused ("rename to null").
   Operation renameTag(const std::string& oldTitle, const std::string& newTitle);
   // Result: the title (a string). Deleting an unknown tag succeeds.
   Operation deleteTag(const std::string& title);
