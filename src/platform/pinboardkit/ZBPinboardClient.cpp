@@ -301,6 +301,17 @@ ZBPinboardClient::Then ZBPinboardClient::_completing(const OperationPointer& ope
   };
 }
 
+template <class Step>
+void ZBPinboardClient::_guarded(const Then& then, Step&& step) {
+  try {
+    step();
+  } catch (...) {
+    Reply reply;
+    reply.error = ZBErrorFromCurrentException();
+    then(reply);
+  }
+}
+
 void ZBPinboardClient::_perform(std::shared_ptr<const Call> call, const OperationPointer& operation, Then then,
                                 int attempt, double backoff) {
   const Settings s = _settings();
@@ -329,7 +340,7 @@ void ZBPinboardClient::_perform(std::shared_ptr<const Call> call, const Operatio
                  // The exchange blocks: it runs on a transfer thread, and
                  // this one (the timers') goes on at once.
                  auto job = [self, call, operation, then, attempt, backoff, taken = *turn] {
-                   self->_transfer(call, operation, then, attempt, backoff, taken);
+                   _guarded(then, [&] { self->_transfer(call, operation, then, attempt, backoff, taken); });
                  };
                  NSErrorPtr threadFailure;
                  if (ZBPinboardTransferThreads::shared().submit(std::move(job), &threadFailure)) return;
@@ -457,7 +468,7 @@ void ZBPinboardClient::_backOff(std::shared_ptr<const Call> call, const Operatio
   }
   NSErrorPtr error;
   auto again = [self = _self(), call, operation, then, attempt, backoff] {
-    self->_perform(call, operation, then, attempt + 1, backoff);
+    _guarded(then, [&] { self->_perform(call, operation, then, attempt + 1, backoff); });
   };
   if (!timers->schedule(timer, timers->now() + wait, std::move(again), &error)) {
     reply.error = threadError(call->method, error);

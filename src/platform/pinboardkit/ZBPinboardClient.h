@@ -193,6 +193,11 @@ private:
   static Operation _request(std::string method, std::function<void(const OperationPointer&)> body);
   // A Then that completes operation with read's outcome, or the reply's error.
   static Then _completing(const OperationPointer& operation, Read read);
+  // Runs a step of a request on one of the client's threads, where an
+  // escaping exception would be dropped and leave the request unfinished:
+  // then gets its error instead.
+  template <class Step>
+  static void _guarded(const Then& then, Step&& step);
 
   // The exchange, in three steps: wait for a turn (no thread held), leave
   // (credentials checked, on a transfer thread), answer (429 waits out its
