@@ -151,6 +151,7 @@ void BM_FullListThroughClient(benchmark::State& state) {
     start = Clock::now();
     auto op = f.client->retrieveAllPostsWithTags(Value());
     op->start();
+    op->waitUntilFinished();
     NSErrorPtr error;
     Value posts = op->completionProvider()(&error);
     measured += secondsSince(start);

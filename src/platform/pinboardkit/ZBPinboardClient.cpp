@@ -32,12 +32,24 @@ struct ZBPinboardClient::Settings {
 // One HTTP exchange as the client sees it.
 struct ZBPinboardClient::Call {
   std::string method;  // for errors: "posts/all", "feed u:alice/"
-  std::string url;
+  std::string url;     // with its query, but without the API token: that is added when it leaves
   std::string requestClass;  // "feeds" or the API method
   double classInterval = 0;
   double timeout = 0;
   std::string basicUser, basicPassword;
-  std::function<void(std::string_view)> bodyConsumer;  // takes the body of the HTTP 200 answer as it arrives
+  // The credentials the request was started under (their apiToken()), empty
+  // for none; it leaves only while they are still the client's.
+  std::string signedInAs;
+  std::uint64_t session = 0;  // the client's logout count when it started
+  bool addsToken = false;     // an API call: the token goes in the query
+  bool streamsPosts = false;  // posts/all: read while it arrives
+  std::string username;       // the owner of the posts read
+};
+
+struct ZBPinboardClient::Reply {
+  std::string body;  // the HTTP 200 answer
+  Value posts;       // streamsPosts: what was read from it
+  NSErrorPtr error;  // set: the exchange failed
 };
 
 namespace {
@@ -82,9 +94,9 @@ std::string withSlash(std::string base) {
   return base;
 }
 
-// The service's datetime: whole seconds, UTC, "Z".
-std::string serviceDate(NSDate date) {
-  return NSDate(std::floor(date.timeIntervalSinceReferenceDate())).ISO8601String();
+// The service's datetime: whole seconds (moved by seconds), UTC, "Z".
+std::string serviceDate(NSDate date, double seconds = 0) {
+  return NSDate(std::floor(date.timeIntervalSinceReferenceDate()) + seconds).ISO8601String();
 }
 
 // Tags of a request: an array or set of strings. False for anything else.
@@ -117,6 +129,35 @@ std::string joined(const std::vector<std::string>& tags) {
   return s;
 }
 
+// A tag as the service reads it: a comma or whitespace inside would make it
+// two (the service splits at both), so such a tag is refused, never sent.
+bool serviceTag(const std::string& tag) {
+  return tag.find_first_of(", \t\n\r\v\f") == std::string::npos;
+}
+
+// The tags of a request, each one the service can hold. False, with the
+// error naming the first tag that is not, otherwise.
+bool serviceTags(const Value& tags, std::vector<std::string>& out, const std::string& method, NSErrorPtr* error) {
+  if (!tagList(tags, out)) return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
+  for (const auto& t : out) {
+    if (serviceTag(t)) continue;
+    return ZBSetError(
+        error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method,
+                                   Dictionary{{NSLocalizedFailureReasonErrorKey,
+                                               "“" + t + "” " + ZBLocalizedString("contains a space or a comma, which Pinboard reads as the end of a tag.")}}));
+  }
+  return true;
+}
+
+// The title sent for a bookmark that has none. posts/add refuses an empty
+// one, so an edit of an untitled bookmark (its tags, say) would otherwise fail
+// for ever. "[no title]" is what the service itself shows for untitled
+// bookmarks, so the user sees no change there, and the next refresh brings
+// it back as the title the service holds. The URL would be a made-up title
+// that reads as a real one, and it can run past the service's 255
+// characters, which fails again.
+const std::string kUntitledTitle = "[no title]";
+
 NSErrorPtr cancelledError() { return ZBUserCancelledError(); }
 
 Value fail(NSErrorPtr* error, NSErrorPtr e) {
@@ -124,11 +165,16 @@ Value fail(NSErrorPtr* error, NSErrorPtr e) {
   return Value();
 }
 
-NSErrorPtr serviceError(const std::string& method, const std::string& resultCode) {
-  return ZBPinboardMakeError(
-      ZBPinboardKitServiceError, method,
-      Dictionary{{ZBPinboardResultCodeErrorKey, resultCode},
-                 {NSLocalizedRecoverySuggestionErrorKey, ZBLocalizedString("Pinboard answered:") + " “" + resultCode + "”"}});
+NSErrorPtr serviceError(const std::string& method, const std::string& resultCode, std::string suggestion = {}) {
+  if (suggestion.empty()) suggestion = ZBLocalizedString("Pinboard answered:") + " “" + resultCode + "”";
+  return ZBPinboardMakeError(ZBPinboardKitServiceError, method,
+                             Dictionary{{ZBPinboardResultCodeErrorKey, resultCode},
+                                        {NSLocalizedRecoverySuggestionErrorKey, std::move(suggestion)}});
+}
+
+// A failure of the client's own threads, for the request that needed them.
+NSErrorPtr threadError(const std::string& method, NSErrorPtr underlying) {
+  return ZBPinboardMakeError(ZBPinboardKitNetworkError, method, Dictionary{{NSUnderlyingErrorKey, Value(underlying)}});
 }
 
 // What sending or deleting a post answers: {identifier, url}, the identifier
@@ -145,7 +191,8 @@ ZBPinboardClient::ZBPinboardClient(Passkey, std::shared_ptr<NSUserDefaults> user
                                    std::shared_ptr<ZBHTTPTransport> transport, std::shared_ptr<ZBClock> clock)
     : _defaults(std::move(userDefaults)),
       _transport(transport ? std::move(transport) : ZBCurlTransport::create()),
-      _limiter(std::move(clock)) {}
+      _timers(std::make_shared<ZBPinboardTimerQueue>(std::move(clock))),
+      _limiter(std::make_shared<ZBPinboardRateLimiter>(_timers)) {}
 
 std::shared_ptr<ZBPinboardClient> ZBPinboardClient::create(std::shared_ptr<NSUserDefaults> userDefaults,
                                                            std::shared_ptr<ZBHTTPTransport> transport,
@@ -229,6 +276,7 @@ void ZBPinboardClient::setValueForKey(const Value& value, const std::string& key
 }
 
 bool ZBPinboardClient::logout(NSErrorPtr* error) {
+  _logouts.fetch_add(1);
   {
     ZBMutexLock hold(_mutex);
     _rssKeyValue.clear();
@@ -239,84 +287,233 @@ bool ZBPinboardClient::logout(NSErrorPtr* error) {
 
 // ---- The exchange ----
 
-bool ZBPinboardClient::_perform(const Call& call, const ZBPinboardRequestOperation& operation, std::string& body,
-                                NSErrorPtr* error) {
+ZBPinboardClient::Operation ZBPinboardClient::_request(std::string method,
+                                                       std::function<void(const OperationPointer&)> body) {
+  return ZBPinboardRequestOperation::create(std::move(method), std::move(body));
+}
+
+ZBPinboardClient::Then ZBPinboardClient::_completing(const OperationPointer& operation, Read read) {
+  return [operation, read = std::move(read)](Reply& reply) {
+    if (reply.error) return operation->_complete(Value(), reply.error);
+    NSErrorPtr error;
+    Value result = read(reply, &error);
+    operation->_complete(std::move(result), std::move(error));
+  };
+}
+
+template <class Step>
+void ZBPinboardClient::_guarded(const Then& then, Step&& step) {
+  try {
+    step();
+  } catch (...) {
+    Reply reply;
+    reply.error = ZBErrorFromCurrentException();
+    then(reply);
+  }
+}
+
+void ZBPinboardClient::_perform(std::shared_ptr<const Call> call, const OperationPointer& operation, Then then,
+                                int attempt, double backoff) {
   const Settings s = _settings();
-  std::function<bool()> cancelled = [&operation] { return operation.isCancelled(); };
-  double backoff = s.backoffInitial;
-  for (int attempt = 0;; ++attempt) {
-    bool turn = call.requestClass == "feeds"
-                    ? _limiter.waitForTurn("feeds", 0, s.feedInterval, cancelled)
-                    : _limiter.waitForTurn(call.requestClass, s.interval, call.classInterval, cancelled);
-    if (!turn) return ZBSetError(error, cancelledError());
-    ZBHTTPRequest request;
-    request.url = call.url;
-    request.username = call.basicUser;
-    request.password = call.basicPassword;
-    request.timeout = call.timeout > 0 ? call.timeout : s.timeout;
-    request.connectTimeout = s.connectTimeout;
-    request.bodyConsumer = call.bodyConsumer;
-    ZBHTTPResponse response;
-    NSErrorPtr transportError;
-    if (!_transport->send(request, response, cancelled, &transportError)) {
-      if (operation.isCancelled()) return ZBSetError(error, cancelledError());
+  const bool feeds = call->requestClass == "feeds";
+  const std::shared_ptr<ZBPinboardRateLimiter> limiter = _limiter;
+  const std::uint64_t ticket = limiter->newTicket();
+  auto abandon = [limiter, ticket, then] {
+    if (!limiter->withdraw(ticket)) return;  // its turn came already
+    Reply reply;
+    reply.error = cancelledError();
+    then(reply);
+  };
+  if (!operation->_setCanceller(abandon)) {
+    Reply reply;
+    reply.error = cancelledError();
+    return then(reply);
+  }
+  limiter->ask(ticket, call->requestClass, feeds ? 0 : s.interval, feeds ? s.feedInterval : call->classInterval,
+               [self = _self(), call, operation, then, attempt, backoff](const ZBPinboardRateLimiter::Turn* turn,
+                                                                        const NSErrorPtr& error) {
+                 Reply reply;
+                 if (!turn) {
+                   reply.error = threadError(call->method, error);
+                   return then(reply);
+                 }
+                 // The exchange blocks: it runs on a transfer thread, and
+                 // this one (the timers') goes on at once.
+                 auto job = [self, call, operation, then, attempt, backoff, taken = *turn] {
+                   _guarded(then, [&] { self->_transfer(call, operation, then, attempt, backoff, taken); });
+                 };
+                 NSErrorPtr threadFailure;
+                 if (ZBPinboardTransferThreads::shared().submit(std::move(job), &threadFailure)) return;
+                 self->_limiter->giveBack(*turn);
+                 reply.error = threadError(call->method, threadFailure);
+                 then(reply);
+               });
+  // A cancel() between the canceller and the line found nothing to withdraw.
+  if (operation->isCancelled()) abandon();
+}
+
+void ZBPinboardClient::_transfer(const std::shared_ptr<const Call>& call, const OperationPointer& operation,
+                                 const Then& then, int attempt, double backoff,
+                                 const ZBPinboardRateLimiter::Turn& turn) {
+  Reply reply;
+  if (operation->isCancelled()) {
+    _limiter->giveBack(turn);
+    reply.error = cancelledError();
+    return then(reply);
+  }
+  ZBHTTPRequest request;
+  request.url = call->url;
+  if (!call->signedInAs.empty()) {
+    // Credentials are read as the request leaves: one that waited through a
+    // sign-out or a change of account never goes out with the old token.
+    auto credentials = this->credentials();
+    if (!credentials || credentials->apiToken() != call->signedInAs || _logouts.load() != call->session) {
+      _limiter->giveBack(turn);
+      reply.error = ZBPinboardMakeError(
+          ZBPinboardKitUnauthorizedError, call->method,
+          Dictionary{{NSLocalizedFailureReasonErrorKey,
+                      ZBLocalizedString("The account was signed out or changed while the request waited.")}});
+      return then(reply);
+    }
+    if (call->addsToken) request.url += "&auth_token=" + escape(credentials->apiToken());
+  }
+  const Settings s = _settings();
+  request.username = call->basicUser;
+  request.password = call->basicPassword;
+  request.timeout = call->timeout > 0 ? call->timeout : s.timeout;
+  request.connectTimeout = s.connectTimeout;
+  ZBHTTPResponse response;
+  NSErrorPtr transportError;
+  const std::function<bool()> cancelled = [&operation] { return operation->isCancelled(); };
+  const bool sent = call->streamsPosts
+                        ? _sendReadingPosts(*call, request, response, cancelled, reply, &transportError)
+                        : _transport->send(request, response, cancelled, &transportError);
+  if (!sent) {
+    if (operation->isCancelled()) {
+      reply.error = cancelledError();
+    } else {
       std::int64_t code = transportError && transportError->code() == NSURLErrorTimedOut ? ZBPinboardKitTimedOutError
-                                                                                           : ZBPinboardKitNetworkError;
+                                                                                          : ZBPinboardKitNetworkError;
       Dictionary extra;
       if (transportError) extra.set(NSUnderlyingErrorKey, Value(transportError));
-      return ZBSetError(error, ZBPinboardMakeError(code, call.method, std::move(extra)));
+      reply.error = ZBPinboardMakeError(code, call->method, std::move(extra));
     }
-    const Dictionary status{{ZBPinboardHTTPStatusErrorKey, Value(static_cast<std::int64_t>(response.status))}};
-    if (response.status == 429) {
-      if (attempt >= s.backoffRetries)
-        return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitRateLimitedError, call.method, status));
-      // Wait as long as the server asks, at least our own doubling back-off.
-      double wait = std::min(std::max(backoff, response.retryAfter), s.backoffMaximum);
-      if (!_limiter.sleep(wait, cancelled)) return ZBSetError(error, cancelledError());
-      backoff = std::min(backoff * 2, s.backoffMaximum);
-      continue;
-    }
-    if (response.status == 401 || response.status == 403)
-      return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitUnauthorizedError, call.method, status));
-    if (response.status != 200)
-      return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitServerError, call.method, status));
-    // A transport that does not stream collects the body instead.
-    if (call.bodyConsumer && !response.body.empty()) call.bodyConsumer(response.body);
-    else body = std::move(response.body);
-    return true;
+    reply.posts = Value();
+    return then(reply);
   }
+  const Dictionary status{{ZBPinboardHTTPStatusErrorKey, Value(static_cast<std::int64_t>(response.status))}};
+  if (response.status == 429) {
+    if (attempt >= s.backoffRetries) {
+      reply.error = ZBPinboardMakeError(ZBPinboardKitRateLimitedError, call->method, status);
+      return then(reply);
+    }
+    // Wait as long as the server asks, at least our own doubling back-off.
+    const double wait = std::min(std::max(backoff, response.retryAfter), s.backoffMaximum);
+    return _backOff(call, operation, then, attempt, std::min(backoff * 2, s.backoffMaximum), wait);
+  }
+  if (response.status == 401 || response.status == 403)
+    reply.error = ZBPinboardMakeError(ZBPinboardKitUnauthorizedError, call->method, status);
+  else if (response.status != 200)
+    reply.error = ZBPinboardMakeError(ZBPinboardKitServerError, call->method, status);
+  else if (!call->streamsPosts)
+    reply.body = std::move(response.body);
+  if (reply.error) reply.posts = Value();
+  then(reply);
 }
 
-bool ZBPinboardClient::_api(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
-                            std::string& body, NSErrorPtr* error, std::function<void(std::string_view)> bodyConsumer) {
+bool ZBPinboardClient::_sendReadingPosts(const Call& call, ZBHTTPRequest& request, ZBHTTPResponse& response,
+                                         const std::function<bool()>& cancelled, Reply& reply, NSErrorPtr* error) {
+  // Tens of megabytes for a large account: the transfer runs on a thread of
+  // its own and hands the answer over as it arrives, while this one turns it
+  // into posts.
+  ZBPinboardPostListReader reader(call.username, call.method);
+  request.bodyConsumer = [&reader](std::string_view piece) { reader.append(piece); };
+  bool sent = false;
+  auto transfer = [&] {
+    sent = _transport->send(request, response, cancelled, error);
+    // A transport that does not stream collects the body instead.
+    if (sent && response.status == 200 && !response.body.empty()) {
+      reader.append(response.body);
+      response.body.clear();
+    }
+    reader.close();
+  };
+  std::thread thread;
+  try {
+    thread = std::thread(transfer);
+  } catch (const std::system_error&) {
+    transfer();  // no thread to be had: one after the other
+  }
+  NSErrorPtr readError;
+  reply.posts = reader.finish(&readError);
+  if (thread.joinable()) thread.join();
+  if (sent && response.status == 200 && !reply.posts) reply.error = readError;
+  return sent;
+}
+
+void ZBPinboardClient::_backOff(std::shared_ptr<const Call> call, const OperationPointer& operation, Then then,
+                                int attempt, double backoff, double wait) {
+  const std::shared_ptr<ZBPinboardTimerQueue> timers = _timers;
+  const std::uint64_t timer = timers->newIdentifier();
+  auto abandon = [timers, timer, then] {
+    if (!timers->cancel(timer)) return;
+    Reply reply;
+    reply.error = cancelledError();
+    then(reply);
+  };
+  Reply reply;
+  if (!operation->_setCanceller(abandon)) {
+    reply.error = cancelledError();
+    return then(reply);
+  }
+  NSErrorPtr error;
+  auto again = [self = _self(), call, operation, then, attempt, backoff] {
+    _guarded(then, [&] { self->_perform(call, operation, then, attempt + 1, backoff); });
+  };
+  if (!timers->schedule(timer, timers->now() + wait, std::move(again), &error)) {
+    reply.error = threadError(call->method, error);
+    return then(reply);
+  }
+  if (operation->isCancelled()) abandon();
+}
+
+void ZBPinboardClient::_api(const OperationPointer& operation, const std::string& method, Params params, Then then,
+                            bool streamsPosts) {
   auto credentials = this->credentials();
-  if (!credentials) return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method));
+  if (!credentials) {
+    Reply reply;
+    reply.error = ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method);
+    return then(reply);
+  }
   const Settings s = _settings();
   params.emplace_back("format", "json");
-  params.emplace_back("auth_token", credentials->apiToken());
-  Call call;
-  call.method = method;
-  call.url = s.apiBase + method + query(params);
-  call.requestClass = method;
-  call.bodyConsumer = std::move(bodyConsumer);
+  auto call = std::make_shared<Call>();
+  call->method = method;
+  call->url = s.apiBase + method + query(params);
+  call->requestClass = method;
+  call->signedInAs = credentials->apiToken();
+  call->session = _logouts.load();
+  call->addsToken = true;
+  call->streamsPosts = streamsPosts;
+  call->username = credentials->username();
   if (method == "posts/all") {
-    call.classInterval = s.allPostsInterval;
-    call.timeout = s.allPostsTimeout;
+    call->classInterval = s.allPostsInterval;
+    call->timeout = s.allPostsTimeout;
   } else if (method == "posts/recent") {
-    call.classInterval = s.recentInterval;
+    call->classInterval = s.recentInterval;
   }
-  return _perform(call, operation, body, error);
+  _perform(std::move(call), operation, std::move(then), 0, s.backoffInitial);
 }
 
-bool ZBPinboardClient::_apiDone(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
-                                NSErrorPtr* error, std::string_view alsoDone) {
-  std::string body;
-  if (!_api(method, std::move(params), operation, body, error)) return false;
-  Value result = ZBPinboardResponseParser::resultText(body, method, error);
-  if (!result) return false;
-  const std::string& text = result.asString();
-  if (text != "done" && (alsoDone.empty() || text != alsoDone)) return ZBSetError(error, serviceError(method, text));
-  return true;
+void ZBPinboardClient::_apiResult(const OperationPointer& operation, const std::string& method, Params params,
+                                  std::function<void(const std::string& text)> read) {
+  _api(operation, method, std::move(params), [operation, method, read = std::move(read)](Reply& reply) {
+    if (reply.error) return operation->_complete(Value(), reply.error);
+    NSErrorPtr error;
+    Value text = ZBPinboardResponseParser::resultText(reply.body, method, &error);
+    if (!text) return operation->_complete(Value(), error);
+    read(text.asString());
+  });
 }
 
 // ---- Authentication ----
@@ -338,92 +535,71 @@ ZBPinboardClient::Operation ZBPinboardClient::authenticateWithUsernamePassword(c
 ZBPinboardClient::Operation ZBPinboardClient::_authenticate(const std::string& username, const std::string& secret,
                                                            bool password) {
   const std::string method = "user/api_token";
-  return ZBPinboardRequestOperation::create(
-      method, [self = _self(), username, secret, password, method](const ZBPinboardRequestOperation& op,
-                                                                   NSErrorPtr* error) -> Value {
-        if (username.empty() || secret.empty() || username.find(':') != std::string::npos)
-          return fail(error, ZBPinboardMakeError(ZBPinboardKitUnauthorizedError, method));
-        const Settings s = self->_settings();
-        Call call;
-        call.method = method;
-        call.requestClass = method;
-        Params params{{"format", "json"}};
-        if (password) {
-          call.basicUser = username;
-          call.basicPassword = secret;
-        } else {
-          params.emplace_back("auth_token", username + ":" + secret);
-        }
-        call.url = s.apiBase + method + query(params);
-        std::string body;
-        if (!self->_perform(call, op, body, error)) return Value();
-        Value token = ZBPinboardResponseParser::resultText(body, method, error);
-        if (!token) return Value();
-        if (token.asString().empty())
-          return fail(error, ZBPinboardMakeError(ZBPinboardKitMalformedResponseError, method));
-        auto credentials = ZBPinboardCredentials::create(username, password ? token.asString() : secret);
-        NSErrorPtr storeError;
-        if (!credentials->writeToFile(self->_credentialsPath(), &storeError)) {
-          return fail(error, ZBPinboardMakeError(ZBPinboardKitCredentialsNotStoredError, method,
-                                                 Dictionary{{ZBPinboardCredentialsErrorKey, Value(credentials)},
-                                                            {NSUnderlyingErrorKey, Value(storeError)}}));
-        }
-        return Value(credentials);
-      });
+  return _request(method, [self = _self(), username, secret, password, method](const OperationPointer& op) {
+    if (username.empty() || secret.empty() || username.find(':') != std::string::npos)
+      return op->_complete(Value(), ZBPinboardMakeError(ZBPinboardKitUnauthorizedError, method));
+    const Settings s = self->_settings();
+    auto call = std::make_shared<Call>();
+    call->method = method;
+    call->requestClass = method;
+    Params params{{"format", "json"}};
+    if (password) {
+      call->basicUser = username;
+      call->basicPassword = secret;
+    } else {
+      params.emplace_back("auth_token", username + ":" + secret);
+    }
+    call->url = s.apiBase + method + query(params);
+    auto read = [self, username, secret, password, method](Reply& reply, NSErrorPtr* error) -> Value {
+      Value token = ZBPinboardResponseParser::resultText(reply.body, method, error);
+      if (!token) return Value();
+      if (token.asString().empty())
+        return fail(error, ZBPinboardMakeError(ZBPinboardKitMalformedResponseError, method));
+      auto credentials = ZBPinboardCredentials::create(username, password ? token.asString() : secret);
+      NSErrorPtr storeError;
+      if (!credentials->writeToFile(self->_credentialsPath(), &storeError)) {
+        return fail(error, ZBPinboardMakeError(ZBPinboardKitCredentialsNotStoredError, method,
+                                               Dictionary{{ZBPinboardCredentialsErrorKey, Value(credentials)},
+                                                          {NSUnderlyingErrorKey, Value(storeError)}}));
+      }
+      return Value(credentials);
+    };
+    self->_perform(std::move(call), op, _completing(op, std::move(read)), 0, s.backoffInitial);
+  });
 }
 
 // ---- Posts ----
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveLastPostUpdateDate() {
-  return ZBPinboardRequestOperation::create("posts/update", [self = _self()](const ZBPinboardRequestOperation& op,
-                                                                              NSErrorPtr* error) -> Value {
-    std::string body;
-    if (!self->_api("posts/update", {}, op, body, error)) return Value();
-    return ZBPinboardResponseParser::updateTime(body, "posts/update", error);
+  return _request("posts/update", [self = _self()](const OperationPointer& op) {
+    self->_api(op, "posts/update", {}, _completing(op, [](Reply& reply, NSErrorPtr* error) {
+                 return ZBPinboardResponseParser::updateTime(reply.body, "posts/update", error);
+               }));
   });
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTagsStartDate(const Value& tags,
                                                                                const Value& startDate,
                                                                                const Value& endDate) {
-  return ZBPinboardRequestOperation::create(
-      "posts/all", [self = _self(), tags, startDate, endDate](const ZBPinboardRequestOperation& op,
-                                                              NSErrorPtr* error) -> Value {
-        const std::string method = "posts/all";
-        std::vector<std::string> list;
-        if (!tagList(tags, list) || list.size() > 3 || (startDate && !startDate.isDate()) ||
-            (endDate && !endDate.isDate()))
-          return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
-        Params params;
-        if (!list.empty()) params.emplace_back("tag", joined(list));
-        if (startDate) params.emplace_back("fromdt", serviceDate(startDate.asDate()));
-        if (endDate) params.emplace_back("todt", serviceDate(endDate.asDate()));
-        // Tens of megabytes for a large account: the transfer runs on a
-        // thread of its own and hands the answer over as it arrives, while
-        // this one turns it into posts.
-        auto credentials = self->credentials();
-        ZBPinboardPostListReader reader(credentials ? credentials->username() : std::string(), method);
-        bool transferred = false;
-        NSErrorPtr transferError;
-        auto transfer = [&] {
-          std::string body;
-          transferred = self->_api(method, std::move(params), op, body, &transferError,
-                                   [&reader](std::string_view piece) { reader.append(piece); });
-          reader.close();
-        };
-        std::thread thread;
-        try {
-          thread = std::thread(transfer);
-        } catch (const std::system_error&) {
-          transfer();  // no thread to be had: one after the other
-        }
-        NSErrorPtr readError;
-        Value posts = reader.finish(&readError);
-        if (thread.joinable()) thread.join();
-        if (!transferred) return fail(error, transferError);
-        if (!posts) ZBSetError(error, readError);
-        return posts;
-      });
+  return _request("posts/all", [self = _self(), tags, startDate, endDate](const OperationPointer& op) {
+    const std::string method = "posts/all";
+    std::vector<std::string> list;
+    NSErrorPtr error;
+    if (!serviceTags(tags, list, method, &error)) return op->_complete(Value(), error);
+    if (list.size() > 3 || (startDate && !startDate.isDate()) || (endDate && !endDate.isDate()))
+      return op->_complete(Value(), ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
+    Params params;
+    if (!list.empty()) params.emplace_back("tag", joined(list));
+    // Whether the service includes the ends is not known: a second more each
+    // way keeps both given ends in, and the refresh merges by URL anyway.
+    if (startDate) params.emplace_back("fromdt", serviceDate(startDate.asDate(), -1));
+    if (endDate) params.emplace_back("todt", serviceDate(endDate.asDate(), 1));
+    // The refresh skips bookmarks whose change signature it has seen: ask for
+    // it rather than count on the service adding it unasked.
+    params.emplace_back("meta", "yes");
+    self->_api(op, method, std::move(params),
+               _completing(op, [](Reply& reply, NSErrorPtr*) { return std::move(reply.posts); }), true);
+  });
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTags(const Value& tags) {
@@ -431,89 +607,138 @@ ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTags(const Val
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrievePostSuggestedTagsForURL(const std::string& url) {
-  return ZBPinboardRequestOperation::create(
-      "posts/suggest", [self = _self(), url](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
-        if (url.empty()) return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, "posts/suggest"));
-        std::string body;
-        if (!self->_api("posts/suggest", {{"url", url}}, op, body, error)) return Value();
-        return ZBPinboardResponseParser::suggestedTags(body, "posts/suggest", error);
-      });
+  return _request("posts/suggest", [self = _self(), url](const OperationPointer& op) {
+    if (url.empty())
+      return op->_complete(Value(), ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, "posts/suggest"));
+    self->_api(op, "posts/suggest", {{"url", url}}, _completing(op, [](Reply& reply, NSErrorPtr* error) {
+                 return ZBPinboardResponseParser::suggestedTags(reply.body, "posts/suggest", error);
+               }));
+  });
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::createPostWithProperties(const Dictionary& properties) {
-  return _sendPost(properties, "posts/add");
+  return _sendPost(properties, "posts/add", false);
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::updatePostWithProperties(const Dictionary& properties) {
-  return _sendPost(properties, "posts/add");
+  return _sendPost(properties, "posts/add", true);
 }
 
-ZBPinboardClient::Operation ZBPinboardClient::_sendPost(const Dictionary& properties, const char* name) {
-  return ZBPinboardRequestOperation::create(
-      name, [self = _self(), properties](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
-        const std::string method = "posts/add";
-        const Value& url = properties[ZBPinboardPostURLKey];
-        std::vector<std::string> tags;
-        const Value& date = properties[ZBPinboardPostDateKey];
-        if (!url.isString() || url.asString().empty() || !tagList(properties[ZBPinboardPostTagsKey], tags) ||
-            (date && !date.isDate()))
-          return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
-        // The service replaces the whole bookmark, so every field goes out,
-        // empty ones included: leaving one out would erase it.
-        const Value& shared = properties[ZBPinboardPostSharedKey];
-        const Value& unread = properties[ZBPinboardPostUnreadKey];
-        Params params{{"url", url.asString()},
-                      {"description", properties[ZBPinboardPostTitleKey].asString()},
-                      {"extended", properties[ZBPinboardPostDescKey].asString()},
-                      {"tags", joined(tags)},
-                      {"shared", (!shared || shared.boolValue()) ? "yes" : "no"},
-                      {"toread", unread.boolValue() ? "yes" : "no"},
-                      {"replace", "yes"}};
-        if (date) params.emplace_back("dt", serviceDate(date.asDate()));
-        if (!self->_apiDone(method, std::move(params), op, error)) return Value();
-        return postEcho(properties, url);
-      });
+ZBPinboardClient::Operation ZBPinboardClient::_sendPost(const Dictionary& properties, const char* name,
+                                                        bool replace) {
+  return _request(name, [self = _self(), properties, replace](const OperationPointer& op) {
+    const std::string method = "posts/add";
+    const Value& url = properties[ZBPinboardPostURLKey];
+    std::vector<std::string> tags;
+    const Value& date = properties[ZBPinboardPostDateKey];
+    NSErrorPtr error;
+    if (!url.isString() || url.asString().empty() || (date && !date.isDate()))
+      return op->_complete(Value(), ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
+    if (!serviceTags(properties[ZBPinboardPostTagsKey], tags, method, &error)) return op->_complete(Value(), error);
+    // Every field goes out, empty ones included: a replace that left one out
+    // would erase it.
+    const Value& shared = properties[ZBPinboardPostSharedKey];
+    const Value& unread = properties[ZBPinboardPostUnreadKey];
+    std::string title = properties[ZBPinboardPostTitleKey].asString();
+    if (title.empty()) title = kUntitledTitle;
+    Dictionary sent{{ZBPinboardPostURLKey, url},
+                    {ZBPinboardPostTitleKey, title},
+                    {ZBPinboardPostDescKey, properties[ZBPinboardPostDescKey].asString()},
+                    {ZBPinboardPostTagsKey, Value(Array(tags.begin(), tags.end()))},
+                    {ZBPinboardPostSharedKey, !shared || shared.boolValue()},
+                    {ZBPinboardPostUnreadKey, unread.boolValue()}};
+    Params params{{"url", url.asString()},
+                  {"description", title},
+                  {"extended", sent[ZBPinboardPostDescKey].asString()},
+                  {"tags", joined(tags)},
+                  {"shared", sent[ZBPinboardPostSharedKey].boolValue() ? "yes" : "no"},
+                  {"toread", sent[ZBPinboardPostUnreadKey].boolValue() ? "yes" : "no"},
+                  {"replace", replace ? "yes" : "no"}};
+    if (date) params.emplace_back("dt", serviceDate(date.asDate()));
+    Value echo = postEcho(properties, url);
+    self->_apiResult(op, method, std::move(params), [self, op, method, replace, sent, echo](const std::string& text) {
+      if (text == "done") return op->_complete(echo, nullptr);
+      if (!replace && text == "item already exists") return self->_confirmExisting(op, sent, echo);
+      op->_complete(Value(), serviceError(method, text));
+    });
+  });
+}
+
+void ZBPinboardClient::_confirmExisting(const OperationPointer& operation, const Dictionary& sent, Value echo) {
+  const std::string url = sent[ZBPinboardPostURLKey].asString();
+  _api(operation, "posts/get", {{"url", url}}, _completing(operation, [sent, echo](Reply& reply, NSErrorPtr* error) {
+         Value posts = ZBPinboardResponseParser::posts(reply.body, "", "posts/get", error);
+         if (!posts) return Value();
+         for (const Value& p : posts.asArray()) {
+           const Dictionary& stored = p.asDictionary();
+           if (stored[ZBPinboardPostURLKey] != sent[ZBPinboardPostURLKey]) continue;
+           bool same = true;
+           for (const auto* key : {&ZBPinboardPostTitleKey, &ZBPinboardPostDescKey, &ZBPinboardPostSharedKey,
+                                   &ZBPinboardPostUnreadKey})
+             same = same && stored[*key] == sent[*key];
+           const Value& tags = stored[ZBPinboardPostTagsKey];
+           same = same && (tags ? tags : Value(Array())) == sent[ZBPinboardPostTagsKey];
+           if (same) return echo;  // the first attempt's own write
+         }
+         return fail(error, serviceError("posts/add", "item already exists",
+                                         ZBLocalizedString("A bookmark for this address is already saved on Pinboard. "
+                                                           "It was left as it is.")));
+       }));
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::deletePostWithProperties(const Dictionary& properties) {
-  return ZBPinboardRequestOperation::create(
-      "posts/delete", [self = _self(), properties](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
-        const std::string method = "posts/delete";
-        const Value& url = properties[ZBPinboardPostURLKey];
-        if (!url.isString() || url.asString().empty())
-          return fail(error, ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
-        // Already gone on the service is what deleting wanted: report success
-        // so the local deletion can complete instead of failing forever.
-        if (!self->_apiDone(method, {{"url", url.asString()}}, op, error, "item not found")) return Value();
-        return postEcho(properties, url);
-      });
+  return _request("posts/delete", [self = _self(), properties](const OperationPointer& op) {
+    const std::string method = "posts/delete";
+    const Value& url = properties[ZBPinboardPostURLKey];
+    if (!url.isString() || url.asString().empty())
+      return op->_complete(Value(), ZBPinboardMakeError(ZBPinboardKitInvalidArgumentError, method));
+    Value echo = postEcho(properties, url);
+    self->_apiResult(op, method, {{"url", url.asString()}}, [op, method, echo](const std::string& text) {
+      // Already gone is what deleting wanted, also when an earlier attempt
+      // was applied behind an error.
+      if (text == "done" || text == "item not found") return op->_complete(echo, nullptr);
+      op->_complete(Value(), serviceError(method, text));
+    });
+  });
 }
 
 // ---- Tags ----
 
 ZBPinboardClient::Operation ZBPinboardClient::renameTag(const std::string& oldTitle, const std::string& newTitle) {
-  return ZBPinboardRequestOperation::create(
-      "tags/rename", [self = _self(), oldTitle, newTitle](const ZBPinboardRequestOperation& op,
-                                                          NSErrorPtr* error) -> Value {
-        if (!self->_apiDone("tags/rename", {{"old", oldTitle}, {"new", newTitle}}, op, error)) return Value();
-        return Value(newTitle);
-      });
+  return _request("tags/rename", [self = _self(), oldTitle, newTitle](const OperationPointer& op) {
+    const std::string method = "tags/rename";
+    std::vector<std::string> tags;
+    NSErrorPtr error;
+    if (!serviceTags(Value(Array{Value(oldTitle), Value(newTitle)}), tags, method, &error))
+      return op->_complete(Value(), error);
+    self->_apiResult(op, method, {{"old", oldTitle}, {"new", newTitle}}, [op, method, newTitle](const std::string& text) {
+      if (text == "done") return op->_complete(Value(newTitle), nullptr);
+      op->_complete(Value(), serviceError(method, text));
+    });
+  });
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::deleteTag(const std::string& title) {
-  return ZBPinboardRequestOperation::create(
-      "tags/delete", [self = _self(), title](const ZBPinboardRequestOperation& op, NSErrorPtr* error) -> Value {
-        if (!self->_apiDone("tags/delete", {{"tag", title}}, op, error)) return Value();
-        return Value(title);
-      });
+  return _request("tags/delete", [self = _self(), title](const OperationPointer& op) {
+    const std::string method = "tags/delete";
+    if (!serviceTag(title)) {
+      std::vector<std::string> tags;
+      NSErrorPtr error;
+      (void)serviceTags(Value(Array{Value(title)}), tags, method, &error);
+      return op->_complete(Value(), error);
+    }
+    self->_apiResult(op, method, {{"tag", title}}, [op, method, title](const std::string& text) {
+      if (text == "done") return op->_complete(Value(title), nullptr);
+      op->_complete(Value(), serviceError(method, text));
+    });
+  });
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveTags() {
-  return ZBPinboardRequestOperation::create("tags/get", [self = _self()](const ZBPinboardRequestOperation& op,
-                                                                          NSErrorPtr* error) -> Value {
-    std::string body;
-    if (!self->_api("tags/get", {}, op, body, error)) return Value();
-    return ZBPinboardResponseParser::tagCounts(body, "tags/get", error);
+  return _request("tags/get", [self = _self()](const OperationPointer& op) {
+    self->_api(op, "tags/get", {}, _completing(op, [](Reply& reply, NSErrorPtr* error) {
+                 return ZBPinboardResponseParser::tagCounts(reply.body, "tags/get", error);
+               }));
   });
 }
 
@@ -556,50 +781,63 @@ std::string userTagsFeedPath(const std::string& username, const std::vector<std:
 
 }  // namespace
 
-bool ZBPinboardClient::_rssKey(const ZBPinboardCredentials& credentials, const ZBPinboardRequestOperation& op,
-                               std::string& key, NSErrorPtr* error) {
+void ZBPinboardClient::_rssKey(const OperationPointer& operation, const ZBPinboardCredentials& credentials,
+                               Then then) {
   {
     ZBMutexLock hold(_mutex);
     if (!_rssKeyValue.empty() && _rssKeyOwner == credentials.apiToken()) {
-      key = _rssKeyValue;
-      return true;
+      Reply reply;
+      reply.body = _rssKeyValue;
+      hold.unlock();
+      return then(reply);
     }
   }
-  std::string body;
-  if (!_api("user/secret", {}, op, body, error)) return false;
-  Value secret = ZBPinboardResponseParser::resultText(body, "user/secret", error);
-  if (!secret) return false;
-  if (secret.asString().empty())
-    return ZBSetError(error, ZBPinboardMakeError(ZBPinboardKitMalformedResponseError, "user/secret"));
-  key = secret.asString();
-  ZBMutexLock hold(_mutex);
-  _rssKeyValue = key;
-  _rssKeyOwner = credentials.apiToken();
-  return true;
+  const std::string owner = credentials.apiToken();
+  _api(operation, "user/secret", {}, [self = _self(), owner, then](Reply& reply) {
+    if (!reply.error) {
+      Value secret = ZBPinboardResponseParser::resultText(reply.body, "user/secret", &reply.error);
+      if (secret && secret.asString().empty())
+        reply.error = ZBPinboardMakeError(ZBPinboardKitMalformedResponseError, "user/secret");
+      if (!reply.error) {
+        reply.body = secret.asString();
+        ZBMutexLock hold(self->_mutex);
+        self->_rssKeyValue = reply.body;
+        self->_rssKeyOwner = owner;
+      }
+    }
+    then(reply);
+  });
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::_feed(std::string name, std::string path, bool secret,
                                                     std::uint64_t count) {
-  return ZBPinboardRequestOperation::create(
-      "feed " + name, [self = _self(), name, path, secret, count](const ZBPinboardRequestOperation& op,
-                                                                   NSErrorPtr* error) -> Value {
-        const std::string method = "feed " + name;
-        std::string prefix;
-        if (secret) {
-          auto credentials = self->credentials();
-          if (!credentials) return fail(error, ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method));
-          std::string key;
-          if (!self->_rssKey(*credentials, op, key, error)) return Value();
-          prefix = secretFeedPrefix(key, credentials->username());
-        }
-        Call call;
-        call.method = method;
-        call.requestClass = "feeds";
-        call.url = self->_settings().feedsBase + prefix + path + query({{"count", std::to_string(count)}});
-        std::string body;
-        if (!self->_perform(call, op, body, error)) return Value();
-        return ZBPinboardResponseParser::feed(body, method, error);
-      });
+  return _request("feed " + name, [self = _self(), name, path, secret, count](const OperationPointer& op) {
+    const std::string method = "feed " + name;
+    auto call = std::make_shared<Call>();
+    call->method = method;
+    call->requestClass = "feeds";
+    const std::string rest = path + query({{"count", std::to_string(count)}});
+    auto then = _completing(op, [method](Reply& reply, NSErrorPtr* error) {
+      return ZBPinboardResponseParser::feed(reply.body, method, error);
+    });
+    const Settings s = self->_settings();
+    if (!secret) {
+      call->url = s.feedsBase + rest;
+      return self->_perform(std::move(call), op, std::move(then), 0, s.backoffInitial);
+    }
+    auto credentials = self->credentials();
+    if (!credentials)
+      return op->_complete(Value(), ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method));
+    // The secret feed leaves only under the credentials its key belongs to.
+    call->signedInAs = credentials->apiToken();
+    call->session = self->_logouts.load();
+    self->_rssKey(op, *credentials,
+                  [self, op, call, rest, then, username = credentials->username(), s](Reply& reply) mutable {
+                    if (reply.error) return op->_complete(Value(), reply.error);
+                    call->url = s.feedsBase + secretFeedPrefix(reply.body, username) + rest;
+                    self->_perform(std::move(call), op, std::move(then), 0, s.backoffInitial);
+                  });
+  });
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveFeedWithMethod(const std::string& method, bool authenticated,

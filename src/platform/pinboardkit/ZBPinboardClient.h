@@ -7,9 +7,33 @@
 // Requests read their settings from the user defaults given at creation, at
 // the moment they run (base URLs, time-outs, rate-limit spacing, back-off;
 // keys in ZBPinboardKit.h). They are spaced as the service asks (per client:
-// 3 s between API calls, 5 min between posts/all calls, by default), and an
-// HTTP 429 is retried after a wait that doubles each time, up to a cap and a
-// number of retries, before it becomes ZBPinboardKitRateLimitedError.
+// 3 s between API calls, 1 min between posts/recent and 5 min between
+// posts/all calls, by default), and an HTTP 429 is retried after a wait that
+// doubles each time, up to a cap and a number of retries, before it becomes
+// ZBPinboardKitRateLimitedError. A request waiting for its method's own turn
+// holds back the others by no more than the 3 s; a cancelled one takes no
+// turn from the next. Waiting holds no thread: the waits are timers on the
+// client's clock, and only the exchanges run on a few shared threads.
+//
+// Credentials are read when a request leaves, not when it is made: one
+// started under credentials that were then changed, cleared or logged out
+// fails with ZBPinboardKitUnauthorizedError and is never sent.
+//
+// Tags sent to the service (a post's tags, filters, renames, deletions) may
+// not contain a comma or whitespace: the service would split such a tag into
+// several, so the stored tags would no longer be the local ones. The request
+// fails with ZBPinboardKitInvalidArgumentError naming the tag
+// (NSLocalizedFailureReasonErrorKey) and nothing is sent; splitting is the
+// caller's choice to make, where the user can see it.
+//
+// Writes whose answer was lost (HTTP 5xx, an unreadable body, a dropped
+// connection) may still have been applied; retrying them converges, because
+// these answers count as done: "item not found" for a post deletion (it is
+// gone, as wanted); "done" for a tag rename or deletion whatever the tag's
+// state (the service answers so also for a tag it no longer has under the old
+// name); "done" for an update (it resends every field, so repeating it changes
+// nothing); and, for a create, "item already exists" when the stored bookmark
+// holds exactly what was sent (the first attempt's own write).
 //
 // Post dictionaries carry the model's keys (ZBPinboardPost…Key): identifier
 // (the service's hash), meta, url, title, desc, date (NSDate), shared and
@@ -27,8 +51,11 @@
 // alive while they run. Thread-safe: every method may be called from any
 // thread, and operations may run at the same time.
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSObject.h"
@@ -40,6 +67,7 @@
 #include "platform/pinboardkit/ZBPinboardKit.h"
 #include "platform/pinboardkit/ZBPinboardRequestOperation.h"
 #include "platform/pinboardkit/impl/ZBPinboardRateLimiter.h"
+#include "platform/pinboardkit/impl/ZBPinboardThreads.h"
 
 class ZBPinboardClient final : public NSObject {
   // Only create() can make one: a client built without it would not have
@@ -84,11 +112,13 @@ public:
   // Result: NSDate of the last change to the user's bookmarks.
   Operation retrieveLastPostUpdateDate();
   // Result: Array of post dictionaries saved between startDate and endDate,
-  // both included (each an NSDate, or absent for no bound). tags: absent for
-  // all, else an array or set of at most three strings. The answer (tens of
-  // megabytes for a large account) is read while it arrives: the transfer
-  // runs on a thread of its own and the dictionaries are built on the
-  // operation's thread.
+  // both included (each an NSDate, or absent for no bound; whole seconds, and
+  // a post one second outside may come too, since the service may leave its
+  // ends out). tags: absent for all, else an array or set of at most three
+  // strings. Asks for the change signatures (meta); a list without them is
+  // read all the same. The answer (tens of megabytes for a large account) is
+  // read while it arrives, on two threads: one transfers, one builds the
+  // dictionaries.
   Operation retrieveAllPostsWithTagsStartDate(const Value& tags, const Value& startDate, const Value& endDate);
   // Result: Array of all the user's post dictionaries (newest first).
   Operation retrieveAllPostsWithTags(const Value& tags);
@@ -108,15 +138,26 @@ public:
   // repeats kept.
   Operation retrievePostSuggestedTagsForURL(const std::string& url);
   // Send every field of a bookmark (url required; title, desc, tags, date,
-  // shared, unread as present): the service replaces the whole bookmark for
-  // that URL. Result: {identifier, url}, identifier being the one sent (or
-  // the MD5 of the URL when none was). A refusal is ZBPinboardKitServiceError.
+  // shared, unread as present; absent ones go out empty, since a field left
+  // out would be erased). An empty title goes out as "[no title]", the
+  // service's own placeholder, because it refuses an empty one. Result:
+  // {identifier, url}, identifier being the one sent (or the MD5 of the URL
+  // when none was). A refusal is ZBPinboardKitServiceError with the service's
+  // words under ZBPinboardResultCodeErrorKey.
+  //
+  // Creating never replaces: a new bookmark (from the share extension, say)
+  // for an address the user already saved on the service must not silently
+  // destroy the saved notes and tags. When the service has one, it is left as
+  // it is and the request fails with ZBPinboardKitServiceError, result code
+  // "item already exists" (unless it holds exactly what was sent: see the
+  // retries above). Updating replaces the whole bookmark for that URL.
   Operation createPostWithProperties(const Dictionary& properties);
   Operation updatePostWithProperties(const Dictionary& properties);
   // Result: {identifier, url} as above. A bookmark the service no longer has
   // counts as deleted.
   Operation deletePostWithProperties(const Dictionary& properties);
-  // Result: the new title (a string).
+  // Result: the new title (a string). An old title the service does not know
+  // (any more) succeeds; an empty new one is refused ("rename to null").
   Operation renameTag(const std::string& oldTitle, const std::string& newTitle);
   // Result: the title (a string). Deleting an unknown tag succeeds.
   Operation deleteTag(const std::string& title);
@@ -135,39 +176,64 @@ public:
 private:
   struct Settings;
   struct Call;
-  enum class Reply;
+  struct Reply;
   using Params = std::vector<std::pair<std::string, std::string>>;  // a query's names and values
+  using OperationPointer = ZBPinboardRequestOperation::Pointer;
+  // Where a request's exchange ends: on a client thread, once, with the body
+  // of the HTTP 200 answer (or the posts read from it) or with the error.
+  using Then = std::function<void(Reply& reply)>;
+  // Reads a successful reply: the result, or absent and the error.
+  using Read = std::function<Value(Reply& reply, NSErrorPtr* error)>;
 
   std::shared_ptr<ZBPinboardClient> _self() {
     return std::static_pointer_cast<ZBPinboardClient>(shared_from_this());
   }
   Settings _settings() const;
   std::filesystem::path _credentialsPath() const;
-  // Performs call, spacing and retrying as configured. Fills body on an
-  // HTTP 200; false with the error otherwise.
-  [[nodiscard]] bool _perform(const Call& call, const ZBPinboardRequestOperation& operation, std::string& body,
-                              NSErrorPtr* error);
-  // An authenticated API call returning the body (or handing it to
-  // bodyConsumer as it arrives), or false with the error.
-  [[nodiscard]] bool _api(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
-                          std::string& body, NSErrorPtr* error,
-                          std::function<void(std::string_view)> bodyConsumer = nullptr);
-  // An API call that answers with a result text: true when it is "done" (or
-  // alsoDone), else false with the error, ZBPinboardKitServiceError carrying
-  // the service's words when it refused.
-  [[nodiscard]] bool _apiDone(const std::string& method, Params params, const ZBPinboardRequestOperation& operation,
-                              NSErrorPtr* error, std::string_view alsoDone = {});
+  static Operation _request(std::string method, std::function<void(const OperationPointer&)> body);
+  // A Then that completes operation with read's outcome, or the reply's error.
+  static Then _completing(const OperationPointer& operation, Read read);
+  // Runs a step of a request on one of the client's threads, where an
+  // escaping exception would be dropped and leave the request unfinished:
+  // then gets its error instead.
+  template <class Step>
+  static void _guarded(const Then& then, Step&& step);
+
+  // The exchange, in three steps: wait for a turn (no thread held), leave
+  // (credentials checked, on a transfer thread), answer (429 waits out its
+  // back-off and starts again at the first step).
+  void _perform(std::shared_ptr<const Call> call, const OperationPointer& operation, Then then, int attempt,
+                double backoff);
+  void _transfer(const std::shared_ptr<const Call>& call, const OperationPointer& operation, const Then& then,
+                 int attempt, double backoff, const ZBPinboardRateLimiter::Turn& turn);
+  [[nodiscard]] bool _sendReadingPosts(const Call& call, ZBHTTPRequest& request, ZBHTTPResponse& response,
+                                       const std::function<bool()>& cancelled, Reply& reply, NSErrorPtr* error);
+  void _backOff(std::shared_ptr<const Call> call, const OperationPointer& operation, Then then, int attempt,
+                double backoff, double wait);
+  // An authenticated API call under the credentials held now; without any,
+  // then gets ZBPinboardKitNotAuthenticatedError and nothing is sent.
+  void _api(const OperationPointer& operation, const std::string& method, Params params, Then then,
+            bool streamsPosts = false);
+  // An API call that answers with a result text: read gets it on success.
+  void _apiResult(const OperationPointer& operation, const std::string& method, Params params,
+                  std::function<void(const std::string& text)> read);
   Operation _authenticate(const std::string& username, const std::string& secret, bool password);
   Operation _feed(std::string name, std::string path, bool secret, std::uint64_t count);
-  Operation _sendPost(const Dictionary& properties, const char* name);
+  Operation _sendPost(const Dictionary& properties, const char* name, bool replace);
+  // After "item already exists" for a post sent without replacing: done when
+  // the stored bookmark is the one sent (a retry of a write the service kept
+  // behind an error), otherwise the service's refusal.
+  void _confirmExisting(const OperationPointer& operation, const Dictionary& sent, Value echo);
   // The feed key of the signed-in user (user/secret), fetched once per
-  // credentials.
-  [[nodiscard]] bool _rssKey(const ZBPinboardCredentials& credentials, const ZBPinboardRequestOperation& operation,
-                             std::string& key, NSErrorPtr* error);
+  // credentials; then gets it in the reply's body.
+  void _rssKey(const OperationPointer& operation, const ZBPinboardCredentials& credentials, Then then);
 
   const std::shared_ptr<NSUserDefaults> _defaults;
   const std::shared_ptr<ZBHTTPTransport> _transport;
-  ZBPinboardRateLimiter _limiter;
+  const std::shared_ptr<ZBPinboardTimerQueue> _timers;
+  const std::shared_ptr<ZBPinboardRateLimiter> _limiter;
+  // Bumped by logout(): a request started before it never leaves.
+  std::atomic<std::uint64_t> _logouts{0};
   mutable ZBMutex _mutex;
   std::shared_ptr<ZBPinboardCredentials> _credentials ZB_GUARDED_BY(_mutex);
   std::string _rssKeyValue ZB_GUARDED_BY(_mutex);

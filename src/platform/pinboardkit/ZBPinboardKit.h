@@ -61,7 +61,9 @@ extern const std::string ZBPinboardResultCodeErrorKey;   // string, the service'
 
 enum : std::int64_t {
   // The service could not be reached, or the connection broke mid-answer
-  // (underlying error in NSURLErrorDomain). Retrying later can help.
+  // (underlying error in NSURLErrorDomain), or the system had no thread to
+  // run the request on (underlying error in NSPOSIXErrorDomain). Retrying
+  // later can help.
   ZBPinboardKitNetworkError = -100,
   // No complete answer within the time-out. Retrying later can help.
   ZBPinboardKitTimedOutError = -101,

@@ -3,7 +3,7 @@
 ZBPinboardRequestOperation::ZBPinboardRequestOperation(std::string method, Body body)
     : _method(std::move(method)), _body(std::move(body)) {}
 
-std::shared_ptr<ZBPinboardRequestOperation> ZBPinboardRequestOperation::create(std::string method, Body body) {
+ZBPinboardRequestOperation::Pointer ZBPinboardRequestOperation::create(std::string method, Body body) {
   return std::make_shared<ZBPinboardRequestOperation>(std::move(method), std::move(body));
 }
 
@@ -18,19 +18,69 @@ ZBCompletionProvider ZBPinboardRequestOperation::completionProvider() const {
 std::string ZBPinboardRequestOperation::description() const { return "<ZBPinboardRequestOperation " + _method + ">"; }
 
 void ZBPinboardRequestOperation::main() {
+  auto self = std::static_pointer_cast<ZBPinboardRequestOperation>(shared_from_this());
   Body body;
   {
     ZBMutexLock hold(_mutex);
     body = std::move(_body);
     _body = nullptr;
   }
-  NSErrorPtr error;
-  Value result;
-  if (isCancelled()) error = ZBUserCancelledError();
-  else if (body) result = body(*this, &error);
-  body = nullptr;  // lets go of the client before the operation finishes
-  // A body cut short by cancellation reports it as such, whatever it met.
+  // A cancel() interrupts whatever the request waits for at that moment.
+  NSKeyValueObservation observation = addObserver(
+      "isCancelled", NSKeyValueObservingOptions::None,
+      [weak = std::weak_ptr<ZBPinboardRequestOperation>(self)](const std::string&, NSObject&, const NSKeyValueChange&) {
+        auto op = weak.lock();
+        if (!op) return;
+        std::function<void()> canceller;
+        {
+          ZBMutexLock hold(op->_mutex);
+          canceller = std::move(op->_canceller);
+          op->_canceller = nullptr;
+        }
+        if (canceller) canceller();
+      });
+  {
+    ZBMutexLock hold(_mutex);
+    _cancelObservation = std::move(observation);
+  }
+  if (isCancelled() || !body) return _complete(Value(), ZBUserCancelledError());
+  body(self);
+}
+
+void ZBPinboardRequestOperation::mainDidThrow(const NSErrorPtr& error) {
+  // The operation finishes now; later outcomes of the request are dropped.
+  if (_completed.exchange(true)) return;
+  NSKeyValueObservation observation;
+  {
+    ZBMutexLock hold(_mutex);
+    _provider = ZBCompletionProviderWithResult(Value(), error);
+    observation = std::move(_cancelObservation);
+    _canceller = nullptr;
+  }
+}
+
+void ZBPinboardRequestOperation::_complete(Value result, NSErrorPtr error) {
+  if (_completed.exchange(true)) return;
+  // A request cut short by cancellation reports it as such, whatever it met.
   if (!result && isCancelled()) error = ZBUserCancelledError();
+  NSKeyValueObservation observation;  // ended outside the lock its callback takes
+  std::function<void()> canceller;
+  {
+    ZBMutexLock hold(_mutex);
+    _provider = ZBCompletionProviderWithResult(std::move(result), std::move(error));
+    observation = std::move(_cancelObservation);
+    canceller = std::move(_canceller);
+    _canceller = nullptr;
+  }
+  observation.invalidate();
+  finish();
+}
+
+bool ZBPinboardRequestOperation::_setCanceller(std::function<void()> canceller) {
+  std::function<void()> replaced;
   ZBMutexLock hold(_mutex);
-  _provider = ZBCompletionProviderWithResult(std::move(result), std::move(error));
+  if (isCancelled()) return false;
+  replaced = std::move(_canceller);
+  _canceller = std::move(canceller);
+  return true;
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -16,6 +17,25 @@
 #include "platform/pinboardkit/ZBPinboardClient.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
+
+// libcurl with a tap: a test sees how many exchanges began, and may rewrite
+// an answer after the service acted on the request (a write applied behind an
+// error). Set the tap before use.
+class TapTransport final : public ZBHTTPTransport {
+public:
+  std::function<void(const ZBHTTPRequest& request, ZBHTTPResponse& response)> afterAnswer;
+  std::atomic<int> begun{0};
+  bool send(const ZBHTTPRequest& request, ZBHTTPResponse& response, const std::function<bool()>& cancelled,
+            NSErrorPtr* error) override {
+    ++begun;
+    if (!_curl->send(request, response, cancelled, error)) return false;
+    if (afterAnswer) afterAnswer(request, response);
+    return true;
+  }
+
+private:
+  const std::shared_ptr<ZBHTTPTransport> _curl = ZBCurlTransport::create();
+};
 
 class PinboardClientTest : public ::testing::Test {
 protected:
@@ -42,13 +62,36 @@ protected:
 
   void signIn() { client->setCredentials(ZBPinboardCredentials::create("alice", secret)); }
 
-  // Runs op on this thread and returns its result; the error goes to *error.
+  // A client spaced exactly as the service asks (3 s, 60 s for posts/recent,
+  // 300 s for posts/all), on a manual clock that the simulator's own limits
+  // read too; any 429 fails its request. Signed in.
+  std::shared_ptr<ZBPinboardClient> serviceSpacedClient(const std::shared_ptr<ZBManualClock>& clock) {
+    sim.setClock([clock] { return clock->now().timeIntervalSince1970(); });
+    sim.setRateLimits(pinboard_sim::RateLimits::service());
+    defaults->setObject(Value(3.0), ZBPinboardRequestIntervalDefaultKey);
+    defaults->setObject(Value(60.0), ZBPinboardRecentIntervalDefaultKey);
+    defaults->setObject(Value(300.0), ZBPinboardAllPostsIntervalDefaultKey);
+    defaults->setObject(Value(0), ZBPinboardBackoffRetriesDefaultKey);
+    auto spaced = ZBPinboardClient::create(defaults, nullptr, clock);
+    spaced->setCredentials(ZBPinboardCredentials::create("alice", secret));
+    return spaced;
+  }
+
+  // Starts op, waits for it and returns its result; the error goes to *error.
   static Value run(const ZBPinboardClient::Operation& op, NSErrorPtr* error = nullptr) {
     EXPECT_TRUE(op);
     if (!op) return Value();
     op->start();
-    EXPECT_TRUE(op->isFinished());
+    op->waitUntilFinished();
     return op->completionProvider()(error);
+  }
+  // The finished op's error code (0 for success), or -1 when it does not
+  // finish (within a bound that means "never").
+  static std::int64_t outcome(const ZBPinboardClient::Operation& op) {
+    if (!WaitUntil([&] { return op->isFinished(); })) return -1;
+    NSErrorPtr error;
+    Value result = op->completionProvider()(&error);
+    return result ? 0 : error ? error->code() : -2;
   }
   // Runs op, expecting failure with code in the client's domain.
   NSErrorPtr expectFailure(const ZBPinboardClient::Operation& op, std::int64_t code,

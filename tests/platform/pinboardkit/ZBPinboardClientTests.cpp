@@ -134,6 +134,7 @@ TEST_F(PinboardClientTest, RequestsNeedCredentialsAndMakeNoCallWithout) {
 TEST_F(PinboardClientTest, PostListsArriveInTheModelsVocabulary) {
   signIn();
   EXPECT_EQ(run(client->retrieveAllPostsWithTags(Value())), Value(Array())) << "nothing is an empty list, not a failure";
+  EXPECT_EQ(sim.requestLog().back().params.at("meta"), "yes") << "the refresh compares change signatures";
 
   ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://example.com/a?b=c&d=%20",
                                                 .title = "Ünïcödé “title” \\ /",
@@ -326,7 +327,7 @@ TEST_F(PinboardClientTest, SendingAPostSendsEveryFieldAndEchoesItsIdentifier) {
   // Clearing fields locally clears them on the service: empty ones go out too.
   Dictionary cleared{{"url", "https://new.org/page"}, {"title", "Only a title"}, {"tags", Value(Array())},
                      {"shared", true}, {"unread", false}};
-  result = run(client->createPostWithProperties(cleared));
+  result = run(client->updatePostWithProperties(cleared));
   ASSERT_TRUE(result);
   EXPECT_EQ(dict(result)[ZBPinboardPostIdentifierKey], Value(ZBMD5HexString("https://new.org/page")));
   b = sim.bookmark("alice", "https://new.org/page");
@@ -336,17 +337,27 @@ TEST_F(PinboardClientTest, SendingAPostSendsEveryFieldAndEchoesItsIdentifier) {
   EXPECT_FALSE(b->toread);
 
   // The service's refusals carry its words; bad input never leaves the client.
-  NSErrorPtr error = expectFailure(client->updatePostWithProperties({{"url", "https://x.org/"}, {"title", ""}}),
-                                   ZBPinboardKitServiceError);
-  EXPECT_EQ(error->userInfo()[ZBPinboardResultCodeErrorKey], Value("missing description"));
-  EXPECT_NE(error->localizedRecoverySuggestion().value_or("").find("missing description"), std::string::npos);
-  error = expectFailure(client->createPostWithProperties({{"url", "gopher://x/"}, {"title", "t"}}), ZBPinboardKitServiceError);
+  NSErrorPtr error =
+      expectFailure(client->createPostWithProperties({{"url", "gopher://x/"}, {"title", "t"}}), ZBPinboardKitServiceError);
   EXPECT_EQ(error->userInfo()[ZBPinboardResultCodeErrorKey], Value("missing url"));
+  EXPECT_NE(error->localizedRecoverySuggestion().value_or("").find("missing url"), std::string::npos);
   std::size_t requests = sim.requestLog().size();
   expectFailure(client->updatePostWithProperties({{"title", "no url"}}), ZBPinboardKitInvalidArgumentError);
   expectFailure(client->updatePostWithProperties({{"url", "https://x/"}, {"date", "soon"}}), ZBPinboardKitInvalidArgumentError);
   expectFailure(client->updatePostWithProperties({{"url", "https://x/"}, {"tags", 7}}), ZBPinboardKitInvalidArgumentError);
   expectFailure(client->deletePostWithProperties({{"identifier", "x"}}), ZBPinboardKitInvalidArgumentError);
+  // A comma or a space would make the service store two tags where one was
+  // meant: such a tag is refused, naming it.
+  for (const char* tag : {"a,b", "two words", "tab\there"}) {
+    error = expectFailure(client->updatePostWithProperties({{"url", "https://x/"}, {"title", "t"},
+                                                            {"tags", Value(Array{Value("ok"), Value(tag)})}}),
+                          ZBPinboardKitInvalidArgumentError);
+    EXPECT_NE(error->userInfo()[NSLocalizedFailureReasonErrorKey].asString().find(tag), std::string::npos);
+  }
+  expectFailure(client->renameTag("old", "new one"), ZBPinboardKitInvalidArgumentError);
+  expectFailure(client->renameTag("a,b", "c"), ZBPinboardKitInvalidArgumentError);
+  expectFailure(client->deleteTag("a,b"), ZBPinboardKitInvalidArgumentError);
+  expectFailure(client->retrieveAllPostsWithTags(Value(Array{Value("x y")})), ZBPinboardKitInvalidArgumentError);
   EXPECT_EQ(sim.requestLog().size(), requests);
 
   // Deleting reports the identifier; a bookmark already gone counts as deleted.
@@ -359,9 +370,8 @@ TEST_F(PinboardClientTest, SendingAPostSendsEveryFieldAndEchoesItsIdentifier) {
 TEST_F(PinboardClientTest, TagRequestsAnswerWithTheTitleToLookFor) {
   signIn();
   ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://1/", .tags = {"Old", "keep"}}));
-  EXPECT_EQ(run(client->renameTag("old", "new one")), Value("new one"));
-  EXPECT_EQ(sim.bookmark("alice", "https://1/")->tags, (std::vector<std::string>{"new", "keep"}))
-      << "the service takes the first word";
+  EXPECT_EQ(run(client->renameTag("old", "new")), Value("new"));
+  EXPECT_EQ(sim.bookmark("alice", "https://1/")->tags, (std::vector<std::string>{"new", "keep"}));
   NSErrorPtr error = expectFailure(client->renameTag("keep", ""), ZBPinboardKitServiceError);
   EXPECT_EQ(error->userInfo()[ZBPinboardResultCodeErrorKey], Value("rename to null"));
   EXPECT_EQ(run(client->deleteTag("KEEP")), Value("KEEP"));

@@ -133,6 +133,26 @@ TEST(ZBPinboardResponseParser, RefusesHostileOrMisshapenBytesWithAnError) {
   EXPECT_EQ(untouched->domain(), "sentinel");
 }
 
+TEST(ZBPinboardResponseParser, EscapedTextIsDecodedAndBrokenSurrogatesFail) {
+  // All non-ASCII arrives escaped; above U+FFFF as a surrogate pair.
+  std::string list = R"([{"href":"https:\/\/a\/\u00e9","description":"\u00ae\u2122 \ud83d\ude00","tags":"caf\u00e9 \ud83c\udf4e"}])";
+  Value posts = P::posts(list, "me", "posts/all");
+  ASSERT_EQ(posts.count(), 1u);
+  const Dictionary& post = posts.asArray()[0].asDictionary();
+  EXPECT_EQ(post[ZBPinboardPostURLKey], Value("https://a/é"));
+  EXPECT_EQ(post[ZBPinboardPostTitleKey], Value("®™ 😀"));
+  EXPECT_EQ(post[ZBPinboardPostTagsKey], Value(Array{Value("café"), Value("🍎")}));
+  std::string counts = R"({"\ud83c\udf4e":"2","caf\u00e9":3})";
+  EXPECT_EQ(P::tagCounts(counts, "tags/get"), Value(Dictionary{{"🍎", Value(2)}, {"café", Value(3)}}));
+  // A half pair, a reversed pair or a pair around something else is an
+  // error: never a crash, nor a title with a broken character in it.
+  for (const char* bad : {R"(\ud83d)", R"(\ude00)", R"(\ude00\ud83d)", R"(\ud83d\u0041)", R"(\ud83dx)"}) {
+    std::string body = std::string(R"([{"href":"x","description":")") + bad + R"("}])";
+    NSErrorPtr error;
+    expectMalformed(P::posts(body, "me", "posts/all", &error), error, bad);
+  }
+}
+
 TEST(ZBPinboardResponseParser, LeavesTheCallersBytesUnchanged) {
   // Padding may grow the capacity; the text must stay as it was.
   std::string body = "\xef\xbb\xbf[{\"href\":\"https://a\",\"tags\":\"x y\"}]\n\t";

@@ -1,41 +1,111 @@
 #include "platform/pinboardkit/impl/ZBPinboardRateLimiter.h"
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
+#include <cmath>
+#include <vector>
 
-bool ZBPinboardRateLimiter::waitForTurn(const std::string& requestClass, double generalInterval,
-                                        double classInterval, const std::function<bool()>& cancelled) {
-  const bool general = requestClass != "feeds";
-  double slot;
+namespace {
+constexpr double kNever = std::numeric_limits<double>::infinity();
+}  // namespace
+
+ZBPinboardRateLimiter::ZBPinboardRateLimiter(std::shared_ptr<ZBPinboardTimerQueue> timers)
+    : _timers(std::move(timers)) {}
+
+std::uint64_t ZBPinboardRateLimiter::newTicket() { return _nextTicket.fetch_add(1); }
+
+void ZBPinboardRateLimiter::ask(std::uint64_t ticket, const std::string& requestClass, double generalInterval,
+                                double classInterval, Given given) {
   {
     ZBMutexLock hold(_mutex);
-    slot = _now();
-    if (general) slot = std::max(slot, _nextGeneral);
-    auto it = _nextOf.find(requestClass);
-    if (it != _nextOf.end()) slot = std::max(slot, it->second);
-    if (general) _nextGeneral = slot + std::max(0.0, generalInterval);
-    _nextOf[requestClass] = slot + std::max(0.0, classInterval);
+    _line.push_back(Waiter{ticket, requestClass, requestClass != "feeds", std::max(0.0, generalInterval),
+                           std::max(0.0, classInterval), std::move(given)});
   }
-  return _sleepUntil(slot, cancelled);
+  _serve();
 }
 
-bool ZBPinboardRateLimiter::sleep(double seconds, const std::function<bool()>& cancelled) const {
-  return _sleepUntil(_now() + std::max(0.0, seconds), cancelled);
+bool ZBPinboardRateLimiter::withdraw(std::uint64_t ticket) {
+  Given dropped;  // let go outside the lock
+  ZBMutexLock hold(_mutex);
+  auto it = std::find_if(_line.begin(), _line.end(), [ticket](const Waiter& w) { return w.ticket == ticket; });
+  if (it == _line.end()) return false;
+  dropped = std::move(it->given);
+  _line.erase(it);
+  return true;
 }
 
-double ZBPinboardRateLimiter::_now() const {
-  if (_clock) return _clock->now().timeIntervalSinceReferenceDate();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-bool ZBPinboardRateLimiter::_sleepUntil(double until, const std::function<bool()>& cancelled) const {
-  // Short naps, so a cancelled request lets go within a fraction of a second
-  // and a moved clock is noticed as soon.
-  for (;;) {
-    if (cancelled && cancelled()) return false;
-    const double left = until - _now();
-    if (left <= 0) return true;
-    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(left, 0.05)));
+void ZBPinboardRateLimiter::giveBack(const Turn& turn) {
+  {
+    ZBMutexLock hold(_mutex);
+    if (turn.general && _nextGeneral == turn.generalAfter) _nextGeneral = turn.generalBefore;
+    auto it = _nextOf.find(turn.requestClass);
+    if (it != _nextOf.end() && it->second == turn.classAfter) it->second = turn.classBefore;
   }
+  _serve();
+}
+
+double ZBPinboardRateLimiter::_readyTime(const Waiter& w) const {
+  auto it = _nextOf.find(w.requestClass);
+  double ready = it == _nextOf.end() ? -kNever : it->second;
+  if (w.general) ready = std::max(ready, _nextGeneral);
+  return ready;
+}
+
+void ZBPinboardRateLimiter::_serve() {
+  std::vector<std::pair<Given, Turn>> due;
+  std::vector<Given> failed;
+  NSErrorPtr wakeError;
+  {
+    ZBMutexLock hold(_mutex);
+    const double now = _timers->now();
+    double next = kNever;
+    // In order of arrival; one held back only by its own class lets the
+    // next one through.
+    for (auto it = _line.begin(); it != _line.end();) {
+      const double ready = _readyTime(*it);
+      if (ready > now) {
+        next = std::min(next, ready);
+        ++it;
+        continue;
+      }
+      Turn turn;
+      turn.requestClass = it->requestClass;
+      turn.general = it->general;
+      auto& classNext = _nextOf.try_emplace(it->requestClass, -kNever).first->second;
+      turn.classBefore = classNext;
+      classNext = turn.classAfter = now + it->classInterval;
+      if (it->general) {
+        turn.generalBefore = _nextGeneral;
+        _nextGeneral = turn.generalAfter = now + it->generalInterval;
+      }
+      due.emplace_back(std::move(it->given), std::move(turn));
+      it = _line.erase(it);
+    }
+    // Later turns have moved the spacing on: the earliest still waiting may
+    // be later than computed, which costs one early wake-up at most.
+    if (std::isfinite(next) && (_wake == 0 || next < _wakeAt)) {
+      if (_wake) _timers->cancel(_wake);
+      const std::uint64_t wake = _timers->newIdentifier();
+      auto fire = [weak = weak_from_this(), wake] {
+        auto self = weak.lock();
+        if (!self) return;
+        {
+          ZBMutexLock hold(self->_mutex);
+          if (self->_wake == wake) self->_wake = 0;
+        }
+        self->_serve();
+      };
+      if (_timers->schedule(wake, next, std::move(fire), &wakeError)) {
+        _wake = wake;
+        _wakeAt = next;
+      } else {
+        // Nothing would wake the waiting ones: they fail rather than wait
+        // for ever.
+        _wake = 0;
+        for (Waiter& w : _line) failed.push_back(std::move(w.given));
+        _line.clear();
+      }
+    }
+  }
+  for (auto& [given, turn] : due) given(&turn, nullptr);
+  for (auto& given : failed) given(nullptr, wakeError);
 }

@@ -1,43 +1,83 @@
 #pragma once
-// Spaces the client's requests as the service asks: a minimum interval
-// between any two API calls, longer ones for some methods, and a separate one
-// for the feeds host. A caller reserves its slot under the lock and then
-// waits outside it, so concurrent callers queue up in order. Every wait (for
-// a slot, for a back-off) is measured on the limiter's clock, so a test can
-// move time instead of waiting for it. Thread-safe.
+// Spaces the client's requests as the service asks: a general interval
+// between any two API calls, longer ones of their own for some methods
+// (posts/all, posts/recent), and a separate one for the feeds host.
+//
+// Requests wait in a line without holding a thread: each names its class and
+// is given its turn, through a callback, once both the general spacing and its
+// class's allow it. The line is served in order of arrival, but a request
+// held back by its own class does not hold back those behind it: a posts/all
+// waiting out its five minutes lets other calls pass, one per general
+// interval. A turn is taken only when it is given, so a request withdrawn
+// while waiting takes nothing from the next of its class, and a turn given
+// but not used (nothing was sent) can be given back.
+//
+// Time is the timer queue's clock, so a test moves time instead of waiting.
+// Lifetime: held by shared_ptr (a pending wake-up holds it weakly). Turns are
+// given on the timer queue's thread, or on the asking thread when due at
+// once. Thread-safe.
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <limits>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
 
-#include "platform/foundation/ZBClock.h"
+#include "platform/foundation/NSError.h"
 #include "platform/foundation/ZBMutex.h"
+#include "platform/pinboardkit/impl/ZBPinboardThreads.h"
 
-class ZBPinboardRateLimiter {
+class ZBPinboardRateLimiter : public std::enable_shared_from_this<ZBPinboardRateLimiter> {
 public:
-  // clock: nullptr for the machine's monotonic clock. With a ZBManualClock a
-  // wait lasts until the clock is moved past its end.
-  explicit ZBPinboardRateLimiter(std::shared_ptr<ZBClock> clock = nullptr) : _clock(std::move(clock)) {}
+  // What a turn took, for giveBack().
+  struct Turn {
+    std::string requestClass;
+    bool general = false;
+    double generalBefore = 0, classBefore = 0;  // the next free times it replaced
+    double generalAfter = 0, classAfter = 0;    // the next free times it set
+  };
+  // The turn, or (turn null) the timer queue's error when no wake-up could be
+  // scheduled for the requests still waiting, which then leave the line.
+  using Given = std::function<void(const Turn* turn, const NSErrorPtr& error)>;
 
-  // Reserves the next slot of requestClass ("posts/all", "feeds", …) and
-  // waits for it. generalInterval applies to every class but "feeds";
-  // classInterval to this class alone (0: none). Returns false, without
-  // waiting further, once cancelled() says so.
-  [[nodiscard]] bool waitForTurn(const std::string& requestClass, double generalInterval, double classInterval,
-                                 const std::function<bool()>& cancelled);
+  explicit ZBPinboardRateLimiter(std::shared_ptr<ZBPinboardTimerQueue> timers);
 
-  // Sleeps for seconds of the clock, waking early (and returning false) once
-  // cancelled().
-  [[nodiscard]] bool sleep(double seconds, const std::function<bool()>& cancelled) const;
+  // A fresh ticket (never 0) for ask() and withdraw().
+  std::uint64_t newTicket();
+  // Puts ticket in line for requestClass ("posts/all", "feeds", …). given runs
+  // once, outside the limiter's lock, when its turn has come (or it failed).
+  // generalInterval applies to every class but "feeds"; classInterval to
+  // this class alone (0: none).
+  void ask(std::uint64_t ticket, const std::string& requestClass, double generalInterval, double classInterval,
+           Given given);
+  // Takes ticket out of the line: true when it was waiting (its callback
+  // never runs), false when its turn was given already or it never asked.
+  bool withdraw(std::uint64_t ticket);
+  // Returns a turn that was given but not used, when nothing has been given
+  // after it in its class or in the general line.
+  void giveBack(const Turn& turn);
 
 private:
-  double _now() const;  // seconds on the clock
-  bool _sleepUntil(double until, const std::function<bool()>& cancelled) const;
+  struct Waiter {
+    std::uint64_t ticket;
+    std::string requestClass;
+    bool general;
+    double generalInterval, classInterval;
+    Given given;
+  };
+  double _readyTime(const Waiter& w) const ZB_REQUIRES(_mutex);
+  // Gives every turn that is due and arranges a wake-up for the next one.
+  void _serve();
 
-  const std::shared_ptr<ZBClock> _clock;
+  const std::shared_ptr<ZBPinboardTimerQueue> _timers;
+  std::atomic<std::uint64_t> _nextTicket{1};
   ZBMutex _mutex;
+  std::list<Waiter> _line ZB_GUARDED_BY(_mutex);
   double _nextGeneral ZB_GUARDED_BY(_mutex) = -std::numeric_limits<double>::infinity();
   std::map<std::string, double> _nextOf ZB_GUARDED_BY(_mutex);
+  std::uint64_t _wake ZB_GUARDED_BY(_mutex) = 0;  // the pending wake-up timer, 0: none
+  double _wakeAt ZB_GUARDED_BY(_mutex) = 0;
 };

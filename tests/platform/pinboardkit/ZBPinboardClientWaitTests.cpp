@@ -1,0 +1,173 @@
+// Waiting for a turn, in virtual time with the service's own intervals: what
+// a long wait holds back, what a cancelled one gives back, what waiting costs
+// in threads, and what a sign-out does to requests still waiting.
+#include <dirent.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include "PinboardClientTestSupport.h"
+#include "platform/operations/NSBlockOperation.h"
+#include "platform/operations/NSOperationQueue.h"
+#include "platform/pinboardkit/impl/ZBPinboardThreads.h"
+
+using pinboard_sim::Fault;
+
+namespace {
+
+std::size_t threadsOfThisProcess() {
+  std::size_t n = 0;
+  if (DIR* dir = opendir("/proc/self/task")) {
+    while (dirent* entry = readdir(dir)) n += entry->d_name[0] != '.';
+    closedir(dir);
+  }
+  return n;
+}
+
+TEST_F(PinboardClientTest, ALongWaitHoldsOthersBackOnlyByTheGeneralSpacingAndACancelledOneGivesItsTurnBack) {
+  auto clock = std::make_shared<ZBManualClock>(NSDate(0));
+  auto spaced = serviceSpacedClient(clock);
+  auto queue = NSOperationQueue::create();
+  auto first = spaced->retrieveAllPostsWithTags(Value());
+  queue->addOperation(first);
+  ASSERT_EQ(outcome(first), 0);
+  auto waiting = spaced->retrieveAllPostsWithTags(Value());  // its turn: five minutes on
+  queue->addOperation(waiting);
+  ASSERT_TRUE(WaitUntil([&] { return waiting->isExecuting(); }));
+
+  // Suggested tags, then a sign-in, each leave one general spacing after the
+  // call before them.
+  auto suggest = spaced->retrievePostSuggestedTagsForURL("https://s.org/");
+  queue->addOperation(suggest);
+  ASSERT_TRUE(WaitUntil([&] { return suggest->isExecuting(); }));
+  clock->advance(3);
+  EXPECT_EQ(outcome(suggest), 0);
+  auto signIn = spaced->authenticateWithUsernameToken("alice", secret);
+  queue->addOperation(signIn);
+  ASSERT_TRUE(WaitUntil([&] { return signIn->isExecuting(); }));
+  clock->advance(3);
+  EXPECT_EQ(outcome(signIn), 0);
+
+  // The waiting list request, cancelled, leaves its turn to the next one.
+  EXPECT_FALSE(waiting->isFinished());
+  waiting->cancel();
+  EXPECT_EQ(outcome(waiting), NSUserCancelledError);
+  auto next = spaced->retrieveAllPostsWithTags(Value());
+  queue->addOperation(next);
+  ASSERT_TRUE(WaitUntil([&] { return next->isExecuting(); }));
+  clock->advance(294);  // five minutes after the first
+  EXPECT_EQ(outcome(next), 0);
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 2u);
+  for (const auto& r : sim.requestLog()) EXPECT_EQ(r.status, 200) << r.path;
+}
+
+TEST_F(PinboardClientTest, RequestsWaitingThroughASignOutOrAChangeOfAccountNeverLeave) {
+  auto clock = std::make_shared<ZBManualClock>(NSDate(0));
+  auto spaced = serviceSpacedClient(clock);
+  auto queue = NSOperationQueue::create();
+  sim.addAccount(pinboard_sim::AccountSeed{.username = "bob"});
+  const std::function<void()> changes[] = {
+      [&] { EXPECT_TRUE(spaced->logout()); },  // the caller has not cleared the credentials yet
+      [&] { spaced->setCredentials(ZBPinboardCredentials::create("bob", "other")); },
+  };
+  for (const auto& change : changes) {
+    spaced->setCredentials(ZBPinboardCredentials::create("alice", secret));
+    clock->advance(300);
+    sim.clearRequestLog();
+    auto first = spaced->retrieveTags();
+    queue->addOperation(first);
+    ASSERT_EQ(outcome(first), 0);
+    std::vector<ZBPinboardClient::Operation> waiting{
+        spaced->retrieveLastPostUpdateDate(), spaced->retrieveAllPostsWithTags(Value()),
+        spaced->retrievePostSuggestedTagsForURL("https://s.org/"), spaced->retrieveFeedWithMethod("starred", true, 5),
+        spaced->deleteTag("t")};
+    for (auto& op : waiting) queue->addOperation(op);
+    ASSERT_TRUE(WaitUntil([&] {
+      return std::all_of(waiting.begin(), waiting.end(), [](const auto& op) { return op->isExecuting(); });
+    }));
+    change();
+    clock->advance(3);
+    for (auto& op : waiting) EXPECT_EQ(outcome(op), ZBPinboardKitUnauthorizedError) << op->method();
+    EXPECT_EQ(sim.requestLog().size(), 1u) << "only the request made before the change";
+  }
+}
+
+// Answers at once, counting how many exchanges run together.
+class CountingTransport final : public ZBHTTPTransport {
+public:
+  bool send(const ZBHTTPRequest&, ZBHTTPResponse& response, const std::function<bool()>&, NSErrorPtr*) override {
+    const int now = ++_inFlight;
+    for (int most = _most.load(); now > most && !_most.compare_exchange_weak(most, now);) {
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));  // long enough to overlap
+    --_inFlight;
+    response.status = 200;
+    response.body = R"({"t":1})";
+    return true;
+  }
+  int most() const { return _most.load(); }
+
+private:
+  std::atomic<int> _inFlight{0}, _most{0};
+};
+
+TEST_F(PinboardClientTest, AThousandRequestsWaitWithoutThreadsAndRunOnAFew) {
+  constexpr std::size_t kRequests = 1000;
+  // Waiting: time stands still, so all but the first wait for their turn.
+  auto clock = std::make_shared<ZBManualClock>(NSDate(0));
+  auto spaced = serviceSpacedClient(clock);
+  const std::size_t threadsBefore = threadsOfThisProcess();
+  auto queue = NSOperationQueue::create();
+  std::vector<ZBPinboardClient::Operation> ops;
+  for (std::size_t i = 0; i < kRequests; ++i) ops.push_back(spaced->retrieveTags());
+  for (auto& op : ops) queue->addOperation(op);
+  ASSERT_TRUE(WaitUntil([&] {
+    return std::all_of(ops.begin(), ops.end(), [](const auto& op) { return op->isExecuting() || op->isFinished(); });
+  }));
+  EXPECT_LT(threadsOfThisProcess(), threadsBefore + 50) << "a waiting request holds no thread";
+  // Unrelated work is not held up behind them.
+  auto unrelated = NSOperationQueue::create()->addOperationWithBlock([] {});
+  ASSERT_TRUE(WaitUntil([&] { return unrelated->isFinished(); }));
+  queue->cancelAllOperations();
+  std::size_t cancelled = 0;
+  for (auto& op : ops) cancelled += outcome(op) == NSUserCancelledError;
+  EXPECT_EQ(cancelled, kRequests - 1);
+  EXPECT_EQ(sim.requestCount("/v1/tags/get"), 1u);
+
+  // Running: no spacing, and every exchange goes through a few threads.
+  auto counting = std::make_shared<CountingTransport>();
+  defaults->setObject(Value(0.0), ZBPinboardRequestIntervalDefaultKey);
+  auto quick = ZBPinboardClient::create(defaults, counting);
+  quick->setCredentials(ZBPinboardCredentials::create("alice", secret));
+  ops.clear();
+  for (std::size_t i = 0; i < kRequests; ++i) ops.push_back(quick->retrieveTags());
+  for (auto& op : ops) queue->addOperation(op);
+  std::size_t succeeded = 0;
+  for (auto& op : ops) succeeded += outcome(op) == 0;
+  EXPECT_EQ(succeeded, kRequests);
+  EXPECT_LE(counting->most(), static_cast<int>(ZBPinboardTransferThreads::kMaximumThreads));
+}
+
+TEST_F(PinboardClientTest, CancellingAStalledTransferEndsItAtOnce) {
+  // The server holds the answer back far longer than the bound below, and
+  // the time-outs are longer still: only the cancellation can end it.
+  defaults->setObject(Value(900.0), ZBPinboardRequestTimeoutDefaultKey);
+  defaults->setObject(Value(900.0), ZBPinboardAllPostsTimeoutDefaultKey);
+  auto tap = std::make_shared<TapTransport>();
+  auto tapped = ZBPinboardClient::create(defaults, tap);
+  tapped->setCredentials(ZBPinboardCredentials::create("alice", secret));
+  auto queue = NSOperationQueue::create();
+  for (const char* path : {"/v1/posts/all", "/v1/tags/get"}) {
+    SCOPED_TRACE(path);
+    sim.addFault(*Fault::parse(std::string(path) + ":delay=600,times=1"));
+    auto slow = std::string(path) == "/v1/posts/all" ? tapped->retrieveAllPostsWithTags(Value()) : tapped->retrieveTags();
+    const int begun = tap->begun.load();
+    queue->addOperation(slow);
+    ASSERT_TRUE(WaitUntil([&] { return tap->begun.load() > begun; }));
+    slow->cancel();
+    ASSERT_TRUE(WaitUntil([&] { return slow->isFinished(); }, 60));
+    EXPECT_EQ(outcome(slow), NSUserCancelledError);
+  }
+}
+
+}  // namespace
