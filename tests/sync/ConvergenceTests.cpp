@@ -189,6 +189,9 @@ protected:
     const char* paths[] = {"/v1/posts/add", "/v1/posts/delete", "/v1/tags/rename", "/v1/tags/delete",
                            "/v1/posts/update", "/v1/posts/all", "/json/*"};
     const char* kinds[] = {"status=500", "status=503", "garbage", "drop", "truncate", "cut", "status=401"};
+    // Writes the service applies before the fault spoils its answer.
+    const char* writes[] = {"/v1/posts/add", "/v1/posts/delete", "/v1/tags/rename", "/v1/tags/delete"};
+    const char* applied[] = {"status=500,apply", "garbage,apply", "cut,apply", "drop,apply"};
     for (int round = 1; round <= rounds; ++round) {
       const std::string where = "round " + std::to_string(round);
       tick(60);
@@ -198,7 +201,8 @@ protected:
       localChanges(random, 1 + static_cast<int>(random() % 6), edited, deleted);
       const bool faulty = random() % 3 == 0;
       if (faulty) {
-        std::string text = std::string(paths[random() % 7]) + ":" + kinds[random() % 7] + ",times=1";
+        std::string text = random() % 2 ? std::string(paths[random() % 7]) + ":" + kinds[random() % 7] + ",times=1"
+                                         : std::string(writes[random() % 4]) + ":" + applied[random() % 4] + ",times=1";
         sim.addFault(*pinboard_sim::Fault::parse(text));
         error = nullptr;
         if (!refresh(&error)) {

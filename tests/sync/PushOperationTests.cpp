@@ -135,9 +135,11 @@ TEST_F(PushTest, PostUpdateOfThousandsWithScatteredFaultsSettlesPostByPost) {
     }
     ASSERT_TRUE(root->save());
   });
-  const char* kinds[] = {"status=500", "status=503", "garbage", "truncate", "drop", "cut", "empty", "status=401"};
+  // "apply": the service stores the edit, then answers with the fault.
+  const char* kinds[] = {"status=500",       "status=503", "garbage", "truncate",         "drop",
+                         "cut",              "empty",      "status=401", "status=500,apply", "garbage,apply"};
   for (int k = 0; k < kPosts / 100; ++k) {
-    std::string text = "/v1/posts/add:" + std::string(kinds[k % 8]) + ",times=1,after=" + std::to_string(k * 97);
+    std::string text = "/v1/posts/add:" + std::string(kinds[k % 10]) + ",times=1,after=" + std::to_string(k * 97);
     auto fault = pinboard_sim::Fault::parse(text);
     ASSERT_TRUE(fault) << text;
     sim.addFault(*fault);
