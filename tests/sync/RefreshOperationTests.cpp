@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <functional>
 #include <map>
 #include <set>
 
@@ -283,6 +284,77 @@ TEST_F(RefreshTest, CancelledBetweenPhasesStopsWithTheCancellationError) {
   EXPECT_EQ(error->code(), NSUserCancelledError);
   EXPECT_TRUE(error->userInfo().empty());
   EXPECT_EQ(sim.requestCount("/v1/posts/all"), 0u);
+}
+
+// The service stores a write, then answers with an error: the run fails,
+// the edit stays waiting, and the next run settles without doubling anything.
+TEST_F(RefreshTest, WritesAppliedBehindAnErrorSettleOnTheNextRun) {
+  struct Case {
+    const char* name;
+    const char* path;
+    std::function<void(ZBTarrowPinboardPost&)> edit;  // on https://a.example/, tagged "old"
+  } cases[] = {
+      {"edit", "/v1/posts/add", [](ZBTarrowPinboardPost& p) { p.setTitle("edited"); }},
+      {"delete", "/v1/posts/delete", [](ZBTarrowPinboardPost& p) { p.setDeleting(true); }},
+      {"new bookmark", "/v1/posts/add",
+       [](ZBTarrowPinboardPost& p) {
+         auto created = p.managedObjectContext()->insertNewObject<ZBTarrowPinboardPost>(ZBTarrowPinboardPostEntityName);
+         created->setUrl("https://new.example/");
+         created->setIdentifier(ZBTarrowPinboardPost::identifierForURL("https://new.example/"));
+         created->setTitle("New");
+         created->setDirty(true);
+       }},
+      {"tag rename", "/v1/tags/rename",
+       [](ZBTarrowPinboardPost& p) {
+         auto tag = *p.tags().begin();
+         tag->setValueForKey(Value("old"), ZBTarrowPinboardTagPreviousTitleKey);
+         tag->setTitle("renamed");
+         tag->setDirty(true);
+       }},
+      {"tag delete", "/v1/tags/delete",
+       [](ZBTarrowPinboardPost& p) {
+         auto tag = *p.tags().begin();
+         tag->setDeleting(true);
+         tag->setDirty(true);
+       }},
+  };
+  for (const auto& c : cases) {
+    for (const char* effect : {"status=500", "garbage", "cut"}) {
+      SCOPED_TRACE(std::string(c.name) + " " + effect);
+      sim.clearFaults();
+      for (const auto& b : sim.bookmarks("alice")) {
+        ASSERT_TRUE(run(client->deletePostWithProperties(Dictionary{{ZBTarrowPinboardPostURLKey, Value(b.url)}})));
+      }
+      tick();
+      ASSERT_TRUE(sim.addBookmark("alice", bookmark("https://a.example/", "A", {"old", "keep"})));
+      tick();
+      expectRefreshes();
+      root->performBlockAndWait([&] {
+        auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
+        request->setPredicate(NSPredicate::predicateWithFormat("%K == %@", {Value(ZBTarrowPinboardPostURLKey), Value("https://a.example/")}));
+        auto found = fetched(*request);
+        ASSERT_EQ(found.size(), 1u);
+        auto post = found[0].as<ZBTarrowPinboardPost>();
+        // Keep "old" first: the cases edit the first tag.
+        if (*(*post->tags().begin())->title() != "old") {
+          (void)post->updateWithDictionaryRepresentation(Dictionary{{ZBTarrowPinboardPostTagsKey, Value(Set{Value("old")})}});
+          post->setDirty(false);
+        }
+        c.edit(*post);
+        if (std::string(c.name) == "edit" || std::string(c.name) == "delete") post->setDirty(true);
+        ASSERT_TRUE(root->save());
+      });
+      tick();
+      sim.addFault(*pinboard_sim::Fault::parse(std::string(c.path) + ":" + effect + ",times=1,apply"));
+      NSErrorPtr error;
+      EXPECT_FALSE(refresh(&error));
+      sim.clearFaults();
+      tick();
+      expectRefreshes();
+      expectInStep();
+      if (HasFailure()) return;
+    }
+  }
 }
 
 }  // namespace
