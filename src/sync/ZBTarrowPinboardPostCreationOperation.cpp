@@ -49,7 +49,7 @@ void ZBTarrowPinboardPostCreationOperation::setupOperations(const ZBAddWorkOpera
 
 void ZBTarrowPinboardPostCreationOperation::_createPostWithPostProperties(const Dictionary& properties,
                                                                           const ZBAddWorkOperation& addWorkOperation) {
-  auto request = _client->createPostWithProperties(properties);
+  auto request = _client->createPostWithProperties(ZBTarrowPinboardPostUpdateOperation::servicePostProperties(properties));
   addWorkOperation(request);
 
   auto confirmation =

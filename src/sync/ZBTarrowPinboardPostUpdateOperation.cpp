@@ -1,5 +1,6 @@
 #include "sync/ZBTarrowPinboardPostUpdateOperation.h"
 
+#include <algorithm>
 #include <deque>
 #include <unordered_map>
 
@@ -23,6 +24,29 @@ const std::string* const kSentKeys[] = {&ZBTarrowPinboardPostURLKey,  &ZBTarrowP
 bool isNonEmptyString(const Value& value) { return value.isString() && !value.asString().empty(); }
 
 }  // namespace
+
+Dictionary ZBTarrowPinboardPostUpdateOperation::servicePostProperties(const Dictionary& post) {
+  static constexpr const char* kSeparators = ", \t\n\r\v\f";
+  const Value& tags = post[ZBTarrowPinboardPostTagsKey];
+  const Array titles = tags.collectionElements();
+  const bool split = std::any_of(titles.begin(), titles.end(), [](const Value& t) {
+    return t.isString() && t.asString().find_first_of(kSeparators) != std::string::npos;
+  });
+  if (!split) return post;
+  Set pieces;
+  for (const Value& title : titles) {
+    if (!title.isString()) continue;
+    const std::string& text = title.asString();
+    for (std::size_t start = text.find_first_not_of(kSeparators); start != std::string::npos;) {
+      std::size_t end = text.find_first_of(kSeparators, start);
+      pieces.insert(Value(text.substr(start, end == std::string::npos ? std::string::npos : end - start)));
+      start = end == std::string::npos ? end : text.find_first_not_of(kSeparators, end);
+    }
+  }
+  Dictionary sent = post;
+  sent.set(ZBTarrowPinboardPostTagsKey, Value(std::move(pieces)));
+  return sent;
+}
 
 bool ZBTarrowPinboardPostUpdateOperation::postHoldsSentProperties(const ZBTarrowPinboardPost& post,
                                                                   const Dictionary& sent) {
@@ -74,8 +98,9 @@ void ZBTarrowPinboardPostUpdateOperation::setupOperations(const ZBAddWorkOperati
                             ZBLocalizedString("This bookmark can’t be sent to Pinboard: it has no identifier.")));
       return nullptr;
     }
-    return post[ZBTarrowPinboardObjectDeletingKey].boolValue() ? _client->deletePostWithProperties(post)
-                                                               : _client->updatePostWithProperties(post);
+    return post[ZBTarrowPinboardObjectDeletingKey].boolValue()
+               ? _client->deletePostWithProperties(post)
+               : _client->updatePostWithProperties(servicePostProperties(post));
   };
 
   settings.confirm = [this, pushContext](std::span<const ZBTarrowPushPlan::Accepted> items, NSErrorPtr* error) {

@@ -12,6 +12,8 @@
 // ZBTarrowDataUnderlyingErrorsKey in post order), or the save error when only
 // the save failed, or the cancellation error.
 //
+// - A tag with commas or whitespace is sent split, as the service splits it
+//   (servicePostProperties).
 // - A post dictionary without an identifier or URL fails as its own item
 //   (NSValidationMissingMandatoryPropertyError), without a request.
 // - A post is cleaned only while its sent fields (URL, title, notes, tags,
@@ -56,6 +58,11 @@ public:
   // notes, tags, date, shared, unread), what sent held: only then may a
   // confirmation mark it clean.
   static bool postHoldsSentProperties(const ZBTarrowPinboardPost& post, const Dictionary& sent);
+  // post as it is sent: a tag holding commas or whitespace goes out as the
+  // tags the service would split it into (the client refuses to send it
+  // whole), so such a post still reaches the service and the next refresh
+  // brings the split tags back instead of failing on it for ever.
+  static Dictionary servicePostProperties(const Dictionary& post);
 
 protected:
   void setupOperations(const ZBAddWorkOperation& addWorkOperation) override;

@@ -357,4 +357,19 @@ TEST_F(RefreshTest, WritesAppliedBehindAnErrorSettleOnTheNextRun) {
   }
 }
 
+// A tag holding a comma or a space (another program's, an import's) reaches
+// the service split, as the service would store it, and the next run brings
+// the split tags back: no refresh fails on it, none loops.
+TEST_F(RefreshTest, ATagWithCommasGoesOutSplitAndComesBackSplit) {
+  addPost("https://a.example/", "A", true, false, {"a,b c", "d"});
+  expectRefreshes();
+  auto server = sim.bookmark("alice", "https://a.example/");
+  ASSERT_TRUE(server);
+  EXPECT_EQ(std::set<std::string>(server->tags.begin(), server->tags.end()),
+            (std::set<std::string>{"a", "b", "c", "d"}));
+  tick();
+  expectRefreshes();
+  expectInStep();
+}
+
 }  // namespace
