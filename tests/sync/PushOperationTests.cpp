@@ -197,14 +197,8 @@ TEST_F(PushTest, PostUpdateCancelledStopsSendingAndKeepsWhatWasConfirmed) {
   });
   auto op = ZBTarrowPinboardPostUpdateOperation::create(
       dictionaries(ZBTarrowPinboardPostEntityName, ZBTarrowPinboardObjectDirtyKey), client, root);
-  auto queue = NSOperationQueue::create();
-  queue->addOperation(op);
-  ASSERT_TRUE(gate->waitForHeld(1));
-  op->cancel();
-  gate->open();
-  op->waitUntilFinished();
   NSErrorPtr error;
-  EXPECT_FALSE(op->completionProvider()(&error));
+  EXPECT_FALSE(runHeld(*gate, op, [&] { op->cancel(); }, &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), NSUserCancelledError);
   saveRoot();
@@ -294,17 +288,16 @@ TEST_F(PushTest, PostCreationOfAPostDeletedWhileItsRequestIsOut) {
   NSManagedObjectIDPtr id;
   root->performBlockAndWait([&] { id = post->objectID(); });
   auto op = ZBTarrowPinboardPostCreationOperation::create(client, id, root);
-  auto queue = NSOperationQueue::create();
-  queue->addOperation(op);
-  ASSERT_TRUE(gate->waitForHeld());
-  root->performBlockAndWait([&] {
-    root->deleteObject(post);
-    ASSERT_TRUE(root->save());
-  });
-  gate->open();
-  op->waitUntilFinished();
   NSErrorPtr error;
-  EXPECT_FALSE(op->completionProvider()(&error));
+  EXPECT_FALSE(runHeld(
+      *gate, op,
+      [&] {
+        root->performBlockAndWait([&] {
+          root->deleteObject(post);
+          ASSERT_TRUE(root->save());
+        });
+      },
+      &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain(), NSCocoaErrorDomain);               // the lookup's error
   EXPECT_TRUE(sim.bookmark("alice", "https://new.example/"));  // the service kept it

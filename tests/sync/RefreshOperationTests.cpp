@@ -172,27 +172,24 @@ TEST_F(RefreshTest, MergeRulesAgainstEditsMadeDuringTheRun) {
 
   auto gate = std::make_shared<GateTransport>("posts/all");
   makeClient(gate);
-  auto op = ZBTarrowPinboardRefreshOperation::create(client, root);
-  auto queue = NSOperationQueue::create();
-  queue->addOperation(op);
-  ASSERT_TRUE(gate->waitForHeld());
-  root->performBlockAndWait([&] {
-    auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
-    for (const Value& v : fetched(*request)) {
-      auto post = v.as<ZBTarrowPinboardPost>();
-      if (post->url() == "https://x.example/") post->setTitle("mine");
-      if (post->url() != "https://x.example/" && post->url() != "https://y.example/" &&
-          post->url() != "https://z.example/")
-        continue;
-      post->setDirty(true);
-      if (post->url() == "https://z.example/") post->setDeleting(true);
-    }
-    ASSERT_TRUE(root->save());
-  });
-  gate->open();
-  op->waitUntilFinished();
+  auto edit = [&] {
+    root->performBlockAndWait([&] {
+      auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
+      for (const Value& v : fetched(*request)) {
+        auto post = v.as<ZBTarrowPinboardPost>();
+        if (post->url() == "https://x.example/") post->setTitle("mine");
+        if (post->url() != "https://x.example/" && post->url() != "https://y.example/" &&
+            post->url() != "https://z.example/")
+          continue;
+        post->setDirty(true);
+        if (post->url() == "https://z.example/") post->setDeleting(true);
+      }
+      ASSERT_TRUE(root->save());
+    });
+  };
   NSErrorPtr error;
-  EXPECT_EQ(op->completionProvider()(&error), Value(true)) << (error ? error->description() : "");
+  EXPECT_EQ(runHeld(*gate, ZBTarrowPinboardRefreshOperation::create(client, root), edit, &error), Value(true))
+      << (error ? error->description() : "");
 
   auto local = localPosts();
   EXPECT_EQ(local["https://x.example/"][ZBTarrowPinboardPostTitleKey], Value("mine"));
@@ -271,14 +268,8 @@ TEST_F(RefreshTest, CancelledBetweenPhasesStopsWithTheCancellationError) {
   auto gate = std::make_shared<GateTransport>("posts/update");
   makeClient(gate);
   auto op = ZBTarrowPinboardRefreshOperation::create(client, root);
-  auto queue = NSOperationQueue::create();
-  queue->addOperation(op);
-  ASSERT_TRUE(gate->waitForHeld());
-  op->cancel();
-  gate->open();
-  op->waitUntilFinished();
   NSErrorPtr error;
-  EXPECT_FALSE(op->completionProvider()(&error));
+  EXPECT_FALSE(runHeld(*gate, op, [&] { op->cancel(); }, &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
   EXPECT_EQ(error->code(), NSUserCancelledError);

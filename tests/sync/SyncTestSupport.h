@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -95,6 +96,19 @@ protected:
   void makeClient(std::shared_ptr<ZBHTTPTransport> transport) {
     client = ZBPinboardClient::create(defaults, std::move(transport));
     client->setCredentials(ZBPinboardCredentials::create("alice", token.substr(token.find(':') + 1)));
+  }
+
+  // Runs op until gate holds one of its requests, calls meanwhile (the request
+  // still out), then lets it go; returns op's result.
+  static Value runHeld(GateTransport& gate, const std::shared_ptr<NSOperation>& op,
+                       const std::function<void()>& meanwhile, NSErrorPtr* error = nullptr) {
+    auto queue = NSOperationQueue::create();
+    queue->addOperation(op);
+    EXPECT_TRUE(gate.waitForHeld());
+    meanwhile();
+    gate.open();
+    op->waitUntilFinished();
+    return dynamic_cast<ZBCompletionProviding&>(*op).completionProvider()(error);
   }
 
   // Runs op on a queue of its own, waits, returns its result.
