@@ -81,7 +81,10 @@ NSManagedObjectContextPtr ZBTarrowPinboardRefreshOperation::_childContext() cons
 
 bool ZBTarrowPinboardRefreshOperation::_saveChildAndContext(const NSManagedObjectContextPtr& child,
                                                             NSErrorPtr* error) {
-  if (!child->save(error)) return false;
+  return child->save(error) && _saveContext(error);
+}
+
+bool ZBTarrowPinboardRefreshOperation::_saveContext(NSErrorPtr* error) {
   bool saved = false;
   _context->performBlockAndWait([&] { saved = _context->save(error); });
   return saved;
@@ -115,11 +118,8 @@ void ZBTarrowPinboardRefreshOperation::_processDirtyLocalPosts(Array dirtyPosts,
   addWorkOperation(postUpdate);
   addWorkOperation(tagUpdate);
   // Saves whatever the pushes confirmed, even when one of them failed.
-  auto save = ZBPromiseOperation::promiseOperationWithBlock([this](NSErrorPtr* error) {
-    bool saved = false;
-    _context->performBlockAndWait([&] { saved = _context->save(error); });
-    return saved ? Value(true) : Value();
-  });
+  auto save = ZBPromiseOperation::promiseOperationWithBlock(
+      [this](NSErrorPtr* error) { return _saveContext(error) ? Value(true) : Value(); });
   save->addDependency(postUpdate);
   save->addDependency(tagUpdate);
   addWorkOperation(save);
@@ -147,9 +147,7 @@ void ZBTarrowPinboardRefreshOperation::_cleanupLocalData(const ZBAddWorkOperatio
         Value deleted = deleteUnused->completionProvider()(error);
         if (!deleted) return Value();
         if (!deleted.boolValue()) return Value(true);
-        bool saved = false;
-        _context->performBlockAndWait([&] { saved = _context->save(error); });
-        return saved ? Value(true) : Value();
+        return _saveContext(error) ? Value(true) : Value();
       },
       [this, addWorkOperation](const Value&) {
         if (refreshLocalChangesOnly()) {

@@ -101,6 +101,8 @@ private:
   NSManagedObjectContextPtr _childContext() const;
   // Saves the child, then the refresh's context on its own queue.
   bool _saveChildAndContext(const NSManagedObjectContextPtr& child, NSErrorPtr* error);
+  // Saves the refresh's context on its own queue, waiting for it.
+  bool _saveContext(NSErrorPtr* error);
 
   const std::shared_ptr<ZBPinboardClient> _client;
   const NSManagedObjectContextPtr _context;
