@@ -3,6 +3,7 @@
 #include "model/ZBTarrowPinboardPost.h"
 #include "platform/operations/NSBlockOperation.h"
 #include "platform/operations/ZBPromiseOperation.h"
+#include "store/NSManagedObjectContext+ZBTarrowCancellableSave.h"
 #include "sync/ZBTarrowPinboardPostUpdateOperation.h"
 
 std::shared_ptr<ZBTarrowPinboardPostCreationOperation> ZBTarrowPinboardPostCreationOperation::create(
@@ -59,7 +60,7 @@ void ZBTarrowPinboardPostCreationOperation::_createPostWithPostProperties(const 
         auto post = std::dynamic_pointer_cast<ZBTarrowPinboardPost>(scratch->existingObjectWithID(_postID, error));
         if (!post) return Value();
         if (ZBTarrowPinboardPostUpdateOperation::postHoldsSentProperties(*post, properties)) post->setDirty(false);
-        if (!scratch->save(error)) return Value();
+        if (!ZBTarrowSaveContextUnlessCancelled(scratch, [this] { return isCancelled(); }, error)) return Value();
         bool saved = false;
         _context->performBlockAndWait([&] { saved = _context->save(error); });
         return saved ? Value(true) : Value();

@@ -8,6 +8,7 @@
 #include "platform/objectstore/NSFetchRequest.h"
 #include "platform/operations/NSBlockOperation.h"
 #include "platform/predicate/NSPredicate.h"
+#include "store/NSManagedObjectContext+ZBTarrowCancellableSave.h"
 #include "sync/ZBTarrowPinboardPostUpdateOperation.h"
 #include "sync/ZBTarrowPinboardTagUpdateOperation.h"
 
@@ -81,7 +82,7 @@ NSManagedObjectContextPtr ZBTarrowPinboardRefreshOperation::_childContext() cons
 
 bool ZBTarrowPinboardRefreshOperation::_saveChildAndContext(const NSManagedObjectContextPtr& child,
                                                             NSErrorPtr* error) {
-  return child->save(error) && _saveContext(error);
+  return ZBTarrowSaveContextUnlessCancelled(child, [this] { return isCancelled(); }, error) && _saveContext(error);
 }
 
 bool ZBTarrowPinboardRefreshOperation::_saveContext(NSErrorPtr* error) {
@@ -115,6 +116,14 @@ void ZBTarrowPinboardRefreshOperation::_processDirtyLocalPosts(Array dirtyPosts,
   _setStatus(ZBLocalizedString("Sending local changes to Pinboard…"));
   auto postUpdate = ZBTarrowPinboardPostUpdateOperation::create(std::move(dirtyPosts), _client, _context);
   auto tagUpdate = ZBTarrowPinboardTagUpdateOperation::create(std::move(dirtyTags), _client, _context);
+  // The pushes stop with us: once cancelled they send nothing more and save
+  // nothing of what they sent.
+  _cancelForwarding = addObserver("isCancelled", NSKeyValueObservingOptions::Initial,
+                                  [this, postUpdate, tagUpdate](const std::string&, NSObject&, const NSKeyValueChange&) {
+                                    if (!isCancelled()) return;
+                                    postUpdate->cancel();
+                                    tagUpdate->cancel();
+                                  });
   addWorkOperation(postUpdate);
   addWorkOperation(tagUpdate);
   // Saves whatever the pushes confirmed, even when one of them failed.
@@ -139,7 +148,7 @@ void ZBTarrowPinboardRefreshOperation::_cleanupLocalData(const ZBAddWorkOperatio
     if (!unused) return Value();
     if (unused->empty()) return Value(false);
     for (const Value& tag : *unused) child->deleteObject(tag.as<NSManagedObject>());
-    return child->save(error) ? Value(true) : Value();
+    return ZBTarrowSaveContextUnlessCancelled(child, [this] { return isCancelled(); }, error) ? Value(true) : Value();
   });
   addPhase(
       addWorkOperation, {deleteUnused},
@@ -189,9 +198,14 @@ void ZBTarrowPinboardRefreshOperation::_refreshPostsFromDate(const Value& fromDa
         return _updatePostsWithServerPostsMetadata(posts.asArray(), false, error) ? Value(true) : Value();
       },
       [this, toDate, addWorkOperation](const Value&) {
-        auto defaults = NSUserDefaults::standardUserDefaults();
-        defaults->setObject(toDate, ZBTarrowPinboardRefreshOperationLastUpdateTimestampDefaultKey);
-        (void)defaults->synchronize();  // a lost write costs one more full merge, nothing else
+        // On the context's queue, as the saves: a logout that cancelled us
+        // and cleared the date there is not undone.
+        _context->performBlockAndWait([&] {
+          if (isCancelled()) return;
+          auto defaults = NSUserDefaults::standardUserDefaults();
+          defaults->setObject(toDate, ZBTarrowPinboardRefreshOperationLastUpdateTimestampDefaultKey);
+          (void)defaults->synchronize();  // a lost write costs one more full merge, nothing else
+        });
         _refreshAllPostsFromServer(addWorkOperation);
       });
 }

@@ -107,6 +107,8 @@ private:
   const std::shared_ptr<ZBPinboardClient> _client;
   const NSManagedObjectContextPtr _context;
   std::atomic<bool> _localOnly{false};
+  // Cancels the pushes when we are cancelled.
+  NSKeyValueObservation _cancelForwarding;
   mutable ZBMutex _statusMutex;
   std::string _status ZB_GUARDED_BY(_statusMutex);
 };

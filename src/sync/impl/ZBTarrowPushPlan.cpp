@@ -4,6 +4,7 @@
 
 #include "platform/operations/NSBlockOperation.h"
 #include "platform/operations/ZBPromiseOperation.h"
+#include "store/NSManagedObjectContext+ZBTarrowCancellableSave.h"
 #include "sync/ZBTarrowDataError.h"
 
 namespace {
@@ -151,9 +152,8 @@ void ZBTarrowPushPlan::_finish(const ZBAddWorkOperation& addWorkOperation) {
   // their cleared flags when others failed.
   auto save = ZBPromiseOperation::promiseOperationWithBlock([self](NSErrorPtr* error) {
     const auto& context = self->_settings.pushContext;
-    bool saved = false;
-    context->performBlockAndWait([&] { saved = context->save(error); });
-    return saved ? Value(true) : Value();
+    return ZBTarrowSaveContextUnlessCancelled(context, [&] { return self->_isCancelled(); }, error) ? Value(true)
+                                                                                                : Value();
   });
   save->addDependency(aggregation);
   addWorkOperation(save);
