@@ -90,6 +90,7 @@ class ControllerTest : public ::testing::Test {
 protected:
   void SetUp() override {
     NSUserDefaults::setStandardUserDefaultsPath(dir.path() / "standard.plist");
+    sim.setClock([this] { return simNow.load(); });
     ASSERT_TRUE(sim.start());
     token = sim.addAccount({.username = "alice", .password = "wonderland"});
     secret = token.substr(token.find(':') + 1);
@@ -137,6 +138,9 @@ protected:
       ASSERT_TRUE(sim.addBookmark("alice", bookmark("https://example.com/" + std::to_string(i), "Page " + std::to_string(i), {"t"})));
   }
 
+  // The service's clock; its update time has whole seconds, so changes that
+  // a refresh must tell apart are a second apart.
+  std::atomic<double> simNow{1.75e9};
   StoreEnvironment environment;
   TemporaryDirectory dir;
   pinboard_sim::Simulator sim;
@@ -594,4 +598,81 @@ TEST_F(ControllerTest, APostSentByTheExtensionShowsInTheApplicationClean) {
   EXPECT_EQ(shown->managedObjectContext(), main);
   EXPECT_EQ(shown->title(), "Shared from the extension");
   EXPECT_FALSE(shown->dirty());
+}
+
+TEST_F(ControllerTest, AFailingServiceFailsTheRefreshInEveryPhase) {
+  addBookmarks(3);
+  ASSERT_TRUE(signIn());
+  // A local edit so that the push phase sends something.
+  Outcome first;
+  controller->refresh(first.handler());
+  await(first);
+  ASSERT_TRUE(first.success);
+  const char* paths[] = {"/v1/posts/add", "/v1/posts/update", "/v1/posts/all", "/json/*"};
+  for (const char* path : paths) {
+    SCOPED_TRACE(path);
+    auto main = controller->mainManagedObjectContext();
+    auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
+    auto posts = main->executeFetchRequest(*request);
+    ASSERT_TRUE(posts && !posts->empty());
+    auto post = posts->front().as<ZBTarrowPinboardPost>();
+    post->setTitle(std::string("edited before ") + path);
+    post->setDirty(true);
+    ASSERT_TRUE(main->save());
+    // Moves the service on so that the refresh goes through every phase.
+    simNow = simNow + 1;
+    ASSERT_TRUE(sim.addBookmark("alice", bookmark(std::string("https://example.org/") + path, "new")));
+    sim.clearFaults();
+    sim.addFault(pinboard_sim::Fault::parse(std::string(path) + ":status=500").value());
+    Outcome outcome;
+    controller->refresh(outcome.handler());
+    await(outcome);
+    EXPECT_FALSE(outcome.success);
+    EXPECT_TRUE(outcome.error);
+    EXPECT_FALSE(controller->isRefreshing() || controller->refreshOperation());
+  }
+  sim.clearFaults();
+  Outcome healed;
+  controller->refresh(healed.handler());
+  await(healed);
+  EXPECT_TRUE(healed.success);
+  EXPECT_EQ(storedPostCount(), sim.bookmarkCount("alice"));
+}
+
+TEST_F(ControllerTest, DerivedKeysFollowWhatTheyDependOn) {
+  Recorder authenticated(*controller, ZBTarrowDataControllerAuthenticatedKey);
+  Recorder username(*controller, ZBTarrowDataControllerUsernameKey);
+  Recorder context(*controller, ZBTarrowDataControllerMainManagedObjectContextKey);
+  // A new client changes both; the user name does not follow the credentials
+  // of the same client (its key path joins the credentials key and
+  // "username" without a dot).
+  auto other = ZBPinboardClient::create(defaults);
+  other->setCredentials(ZBPinboardCredentials::create("bob", "secret"));
+  controller->setPinboardClient(other);
+  EXPECT_EQ(authenticated.values, (std::vector<Value>{Value(true)}));
+  EXPECT_EQ(username.values, (std::vector<Value>{Value("bob")}));
+  other->setCredentials(nullptr);
+  EXPECT_EQ(authenticated.values.size(), 2u);
+  EXPECT_EQ(username.values.size(), 1u);
+  auto stack = ZBTarrowDataStoreCoordinator::create();
+  controller->setPinboardStoreCoordinator(stack);
+  ASSERT_EQ(context.values.size(), 1u);
+  EXPECT_EQ(context.values[0].as<NSManagedObjectContext>(), stack->mainManagedObjectContext());
+
+  // A refresh asked for while logout signs out (an observer of
+  // "authenticated" reacting) is refused.
+  controller->setPinboardClient(ZBPinboardClient::create(defaults));
+  controller->setPinboardStoreCoordinator(ZBTarrowDataStoreCoordinator::create());
+  ASSERT_TRUE(controller->pinboardStoreCoordinator()->setup());
+  ASSERT_TRUE(signIn());
+  Outcome during;
+  auto reacting = controller->addObserver(ZBTarrowDataControllerAuthenticatedKey, NSKeyValueObservingOptions::New,
+                                          [&](const std::string&, NSObject&, const NSKeyValueChange& change) {
+                                            if (!change.newValue.boolValue()) controller->refresh(during.handler());
+                                          });
+  Outcome out;
+  controller->logout(out.handler());
+  EXPECT_TRUE(out.success);
+  ASSERT_EQ(during.calls, 1);
+  EXPECT_EQ(during.error->code(), -100);
 }
