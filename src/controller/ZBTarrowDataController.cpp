@@ -136,11 +136,11 @@ void ZBTarrowDataController::_observeSelf() {
 // ---- Properties ----
 
 template <class T, class U>
-void ZBTarrowDataController::_set(const std::string& key, T& member, U&& value) {
+void ZBTarrowDataController::_set(const std::string& key, T ZBTarrowDataController::*member, U&& value) {
   willChangeValueForKey(key);
   {
     ZBMutexLock lock(_mutex);
-    member = std::forward<U>(value);
+    this->*member = std::forward<U>(value);
   }
   didChangeValueForKey(key);
 }
@@ -150,82 +150,82 @@ std::shared_ptr<ZBPinboardClient> ZBTarrowDataController::pinboardClient() const
   return _client;
 }
 void ZBTarrowDataController::setPinboardClient(std::shared_ptr<ZBPinboardClient> client) {
-  _set(kPinboardClientKey, _client, std::move(client));
+  _set(kPinboardClientKey, &ZBTarrowDataController::_client, std::move(client));
 }
 ZBTarrowDataStoreCoordinatorPtr ZBTarrowDataController::pinboardStoreCoordinator() const {
   ZBMutexLock lock(_mutex);
   return _coordinator;
 }
 void ZBTarrowDataController::setPinboardStoreCoordinator(ZBTarrowDataStoreCoordinatorPtr coordinator) {
-  _set(kPinboardStoreCoordinatorKey, _coordinator, std::move(coordinator));
+  _set(kPinboardStoreCoordinatorKey, &ZBTarrowDataController::_coordinator, std::move(coordinator));
 }
 std::shared_ptr<NSOperationQueue> ZBTarrowDataController::operationQueue() const {
   ZBMutexLock lock(_mutex);
   return _queue;
 }
 void ZBTarrowDataController::setOperationQueue(std::shared_ptr<NSOperationQueue> queue) {
-  _set(kOperationQueueKey, _queue, std::move(queue));
+  _set(kOperationQueueKey, &ZBTarrowDataController::_queue, std::move(queue));
 }
 std::shared_ptr<ZBTarrowPinboardRefreshOperation> ZBTarrowDataController::refreshOperation() const {
   ZBMutexLock lock(_mutex);
   return _refreshOperation;
 }
 void ZBTarrowDataController::_setRefreshOperation(std::shared_ptr<ZBTarrowPinboardRefreshOperation> operation) {
-  _set(kRefreshOperationKey, _refreshOperation, std::move(operation));
+  _set(kRefreshOperationKey, &ZBTarrowDataController::_refreshOperation, std::move(operation));
 }
 std::shared_ptr<ZBTarrowLinkCheckerOperation> ZBTarrowDataController::linkCheckerOperation() const {
   ZBMutexLock lock(_mutex);
   return _linkCheckerOperation;
 }
 void ZBTarrowDataController::_setLinkCheckerOperation(std::shared_ptr<ZBTarrowLinkCheckerOperation> operation) {
-  _set(kLinkCheckerOperationKey, _linkCheckerOperation, std::move(operation));
+  _set(kLinkCheckerOperationKey, &ZBTarrowDataController::_linkCheckerOperation, std::move(operation));
 }
 std::shared_ptr<NSTimer> ZBTarrowDataController::autoRefreshTimer() const {
   ZBMutexLock lock(_mutex);
   return _timer;
 }
 void ZBTarrowDataController::_setAutoRefreshTimer(std::shared_ptr<NSTimer> timer) {
-  _set(kAutoRefreshTimerKey, _timer, std::move(timer));
+  _set(kAutoRefreshTimerKey, &ZBTarrowDataController::_timer, std::move(timer));
 }
 bool ZBTarrowDataController::isRefreshing() const {
   ZBMutexLock lock(_mutex);
   return _refreshing;
 }
-void ZBTarrowDataController::_setRefreshing(bool value) { _set(ZBTarrowDataControllerRefreshingKey, _refreshing, value); }
+void ZBTarrowDataController::_setRefreshing(bool value) { _set(ZBTarrowDataControllerRefreshingKey, &ZBTarrowDataController::_refreshing, value); }
 bool ZBTarrowDataController::isCheckingDeadLinks() const {
   ZBMutexLock lock(_mutex);
   return _checkingDeadLinks;
 }
 void ZBTarrowDataController::_setCheckingDeadLinks(bool value) {
-  _set(ZBTarrowDataControllerCheckingDeadLinksKey, _checkingDeadLinks, value);
+  _set(ZBTarrowDataControllerCheckingDeadLinksKey, &ZBTarrowDataController::_checkingDeadLinks, value);
 }
 std::optional<std::string> ZBTarrowDataController::status() const {
   ZBMutexLock lock(_mutex);
   return _status;
 }
 void ZBTarrowDataController::_setStatus(std::optional<std::string> status) {
-  _set(ZBTarrowDataControllerStatusKey, _status, std::move(status));
+  _set(ZBTarrowDataControllerStatusKey, &ZBTarrowDataController::_status, std::move(status));
 }
 double ZBTarrowDataController::refreshInterval() const {
   ZBMutexLock lock(_mutex);
   return _refreshInterval;
 }
 void ZBTarrowDataController::setRefreshInterval(double interval) {
-  _set(ZBTarrowDataControllerRefreshIntervalKey, _refreshInterval, interval);
+  _set(ZBTarrowDataControllerRefreshIntervalKey, &ZBTarrowDataController::_refreshInterval, interval);
 }
 ZBTarrowDataController::CompletionHandler ZBTarrowDataController::autoRefreshCompletion() const {
   ZBMutexLock lock(_mutex);
   return _autoRefreshCompletion;
 }
 void ZBTarrowDataController::setAutoRefreshCompletion(CompletionHandler handler) {
-  _set(ZBTarrowDataControllerAutoRefreshCompletionKey, _autoRefreshCompletion, std::move(handler));
+  _set(ZBTarrowDataControllerAutoRefreshCompletionKey, &ZBTarrowDataController::_autoRefreshCompletion, std::move(handler));
 }
 bool ZBTarrowDataController::shouldCheckDeadLinks() const {
   ZBMutexLock lock(_mutex);
   return _shouldCheckDeadLinks;
 }
 void ZBTarrowDataController::setShouldCheckDeadLinks(bool value) {
-  _set(ZBTarrowDataControllerShouldCheckDeadLinksKey, _shouldCheckDeadLinks, value);
+  _set(ZBTarrowDataControllerShouldCheckDeadLinksKey, &ZBTarrowDataController::_shouldCheckDeadLinks, value);
 }
 
 NSManagedObjectContextPtr ZBTarrowDataController::mainManagedObjectContext() const {

@@ -171,7 +171,7 @@ private:
   void _setStatus(std::optional<std::string> status);
   // Sets a member under the lock, bracketed by the key's change notices.
   template <class T, class U>
-  void _set(const std::string& key, T& member, U&& value);
+  void _set(const std::string& key, T ZBTarrowDataController::*member, U&& value);
 
   mutable ZBMutex _mutex;
   std::shared_ptr<ZBPinboardClient> _client ZB_GUARDED_BY(_mutex);
