@@ -331,6 +331,7 @@ TEST_F(ControllerTest, TimerRefreshesEveryIntervalAndDeadLinkChecksWaitFiveDays)
   EXPECT_EQ(standard->dateForKey(ZBTarrowDataControllerLastDeadLinkCheckTimestampDefaultKey), NSDate(0.0));
   controller->setShouldCheckDeadLinks(true);
   controller->setRefreshInterval(0);
+  Recorder checking(*controller, ZBTarrowDataControllerCheckingDeadLinksKey);
   Outcome first;
   controller->refresh(first.handler());
   await(first);
@@ -346,6 +347,8 @@ TEST_F(ControllerTest, TimerRefreshesEveryIntervalAndDeadLinkChecksWaitFiveDays)
     EXPECT_EQ(controller->isCheckingDeadLinks(), wait == 1.0) << wait;
   }
   ASSERT_TRUE(RunMainLoopUntil([&] { return !controller->isCheckingDeadLinks(); }));
+  EXPECT_EQ(checking.values, (std::vector<Value>{Value(true), Value(false), Value(true), Value(false)}));
+  EXPECT_TRUE(checking.onMainThread);
 }
 
 TEST_F(ControllerTest, LogoutStopsEveryJobAndNothingOfThemReachesTheFreshStore) {
