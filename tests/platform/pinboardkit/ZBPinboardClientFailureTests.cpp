@@ -1,5 +1,8 @@
 // How the client fails: injected faults, rate limits, cancellation, and many
 // requests at once.
+#include <sys/wait.h>
+
+#include <cstdio>
 #include <mutex>
 
 #include "PinboardClientTestSupport.h"
@@ -225,3 +228,17 @@ TEST_F(PinboardClientTest, ConcurrentRequestsFromManyThreadsAllComplete) {
 }
 
 }  // namespace
+
+TEST_F(PinboardClientTest, NoThreadToRunOnIsTheRequestsErrorNotACrash) {
+  std::string command = std::string(ZB_THREADLESS_PEER_PATH) + " " + sim.apiURL() + " " + apiToken;
+  FILE* peer = popen(command.c_str(), "r");
+  ASSERT_TRUE(peer);
+  char line[256] = {};
+  std::string output = fgets(line, sizeof line, peer) ? line : "";
+  int status = pclose(peer);
+  ASSERT_TRUE(WIFEXITED(status)) << status;  // no crash
+  if (WEXITSTATUS(status) == 5) GTEST_SKIP() << "threads cannot be capped here";
+  ASSERT_EQ(WEXITSTATUS(status), 0) << output;
+  EXPECT_EQ(output, ZBPinboardKitErrorDomain + " " + std::to_string(ZBPinboardKitNetworkError) + " " +
+                        NSPOSIXErrorDomain + "\n");
+}
