@@ -7,11 +7,16 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <random>
 #include <set>
+#include <thread>
 
 #include "platform/predicate/ZBStringFolding.h"
 #include "sync/SyncTestSupport.h"
@@ -49,6 +54,9 @@ protected:
     SCOPED_TRACE(when);
     auto local = localPosts();
     auto server = sim.bookmarks("alice");
+    for (const auto& [url, post] : local)
+      EXPECT_TRUE(sim.bookmark("alice", url)) << "only here: " << url << (post.dirty ? " dirty" : "") << (post.deleting ? " deleting" : "");
+    for (const Bookmark& b : server) EXPECT_TRUE(local.count(b.url)) << "only there: " << b.url << " " << b.title;
     ASSERT_EQ(local.size(), server.size());
     for (const Bookmark& b : server) {
       auto it = local.find(b.url);
@@ -173,6 +181,8 @@ protected:
     });
   }
 
+  void runKillTrials(std::size_t bookmarks, int trials);
+
   void runRounds(std::size_t bookmarks, int rounds) {
     const char* seedText = std::getenv("ZB_CONVERGENCE_SEED");
     const unsigned seed = seedText ? static_cast<unsigned>(std::strtoul(seedText, nullptr, 10)) : std::random_device()();
@@ -235,8 +245,91 @@ protected:
   }
 };
 
+
+// Kill trials: another process refreshes the same store and is killed at a
+// random moment, again and again, while edits pile up here and the service
+// moves on. Afterwards one refresh puts store and service in step, with every
+// local edit on the service.
+void ConvergenceTest::runKillTrials(std::size_t bookmarks, int trials) {
+  const char* seedText = std::getenv("ZB_CONVERGENCE_SEED");
+  const unsigned seed = seedText ? static_cast<unsigned>(std::strtoul(seedText, nullptr, 10)) : std::random_device()();
+  SCOPED_TRACE("ZB_CONVERGENCE_SEED=" + std::to_string(seed));
+  std::mt19937 random(seed);
+  pinboard_sim::GeneratorOptions options;
+  options.seed = seed;
+  ASSERT_TRUE(sim.generateBookmarks("alice", bookmarks, options));
+  std::map<std::string, std::string> edited;
+  std::set<std::string> deleted;
+  int completed = 0;
+  for (int trial = 0; trial < trials; ++trial) {
+    // Local edits, in a context of their own: the store changes under us.
+    auto context = NSManagedObjectContext::create(NSConfinementConcurrencyType);
+    context->setPersistentStoreCoordinator(stack->persistentStoreCoordinator());
+    auto posts = context->executeFetchRequest(*NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName));
+    ASSERT_TRUE(posts);
+    for (int k = 0; k < 3 && !posts->empty(); ++k) {
+      auto post = (*posts)[random() % posts->size()].as<ZBTarrowPinboardPost>();
+      const std::string url = post->url().value_or("");
+      if (post->deleting()) continue;
+      if (random() % 4 == 0) {
+        post->setDeleting(true);
+        deleted.insert(url);
+        edited.erase(url);
+      } else {
+        const std::string title = "kill " + std::to_string(trial) + "." + std::to_string(k);
+        post->setTitle(title);
+        edited[url] = title;
+      }
+      post->setDirty(true);
+    }
+    if (trial % 3 == 0) {
+      auto created = context->insertNewObject<ZBTarrowPinboardPost>(ZBTarrowPinboardPostEntityName);
+      const std::string url = "https://kill.example/" + std::to_string(trial);
+      created->setUrl(url);
+      created->setIdentifier(ZBTarrowPinboardPost::identifierForURL(url));
+      created->setTitle("created " + std::to_string(trial));
+      created->setDirty(true);
+      edited[url] = "created " + std::to_string(trial);
+    }
+    NSErrorPtr error;
+    ASSERT_TRUE(context->save(&error)) << error->description();
+    ASSERT_TRUE(sim.addBookmark("alice", bookmark("https://server.example/" + std::to_string(trial), "server")));
+    tick();
+
+    std::vector<std::string> args = {ZB_REFRESH_PEER_PATH, sim.apiURL(), token, dir.path().string()};
+    std::vector<char*> argv;
+    for (auto& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
+    kill(pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    completed += WIFEXITED(status) ? 1 : 0;
+    // The service's second of that refresh is over before anything else
+    // changes there, as it is with the service's own spacing of requests.
+    tick();
+  }
+  RecordProperty("completedRefreshes", completed);
+
+  NSErrorPtr error;
+  ASSERT_TRUE(refresh(&error)) << error->description();
+  expectInStep("after the kills");
+  for (const auto& [url, title] : edited) {
+    auto server = sim.bookmark("alice", url);
+    ASSERT_TRUE(server) << url;
+    EXPECT_EQ(server->title, title) << url;
+  }
+  for (const auto& url : deleted) EXPECT_FALSE(sim.bookmark("alice", url)) << url;
+}
+
 TEST_F(ConvergenceTest, RandomRoundsConverge) { runRounds(300, 12); }
 
 TEST_F(ConvergenceTest, LongRandomRoundsConverge) { runRounds(3000, 200); }
+
+TEST_F(ConvergenceTest, KilledRefreshesLoseNothing) { runKillTrials(400, 12); }
+
+TEST_F(ConvergenceTest, LongKilledRefreshesLoseNothing) { runKillTrials(5000, 150); }
 
 }  // namespace

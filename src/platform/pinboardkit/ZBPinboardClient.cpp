@@ -355,9 +355,21 @@ void ZBPinboardClient::_perform(std::shared_ptr<const Call> call, const Operatio
 void ZBPinboardClient::_transfer(const std::shared_ptr<const Call>& call, const OperationPointer& operation,
                                  const Then& then, int attempt, double backoff,
                                  const ZBPinboardRateLimiter::Turn& turn) {
+  // The turn ends here, one way or the other, even if a step below throws:
+  // a turn left open would hold back every later request of its line.
+  struct Settle {
+    ZBPinboardRateLimiter& limiter;
+    const ZBPinboardRateLimiter::Turn& turn;
+    bool settled = false;
+    void departed() { settled = true, limiter.departed(turn); }
+    void giveBack() { settled = true, limiter.giveBack(turn); }
+    ~Settle() {
+      if (!settled) limiter.giveBack(turn);
+    }
+  } settle{*_limiter, turn};
   Reply reply;
   if (operation->isCancelled()) {
-    _limiter->giveBack(turn);
+    settle.giveBack();
     reply.error = cancelledError();
     return then(reply);
   }
@@ -368,7 +380,7 @@ void ZBPinboardClient::_transfer(const std::shared_ptr<const Call>& call, const 
     // sign-out or a change of account never goes out with the old token.
     auto credentials = this->credentials();
     if (!credentials || credentials->apiToken() != call->signedInAs || _logouts.load() != call->session) {
-      _limiter->giveBack(turn);
+      settle.giveBack();
       reply.error = ZBPinboardMakeError(
           ZBPinboardKitUnauthorizedError, call->method,
           Dictionary{{NSLocalizedFailureReasonErrorKey,
@@ -385,6 +397,7 @@ void ZBPinboardClient::_transfer(const std::shared_ptr<const Call>& call, const 
   ZBHTTPResponse response;
   NSErrorPtr transportError;
   const std::function<bool()> cancelled = [&operation] { return operation->isCancelled(); };
+  settle.departed();
   const bool sent = call->streamsPosts
                         ? _sendReadingPosts(*call, request, response, cancelled, reply, &transportError)
                         : _transport->send(request, response, cancelled, &transportError);

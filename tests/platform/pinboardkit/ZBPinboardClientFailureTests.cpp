@@ -4,10 +4,12 @@
 
 #include <cstdio>
 #include <mutex>
+#include <thread>
 
 #include "PinboardClientTestSupport.h"
 #include "platform/foundation/NSURLError.h"
 #include "platform/operations/NSOperationQueue.h"
+#include "platform/pinboardkit/impl/ZBPinboardThreads.h"
 #include "support/TogetherThreads.h"
 
 using pinboard_sim::Bookmark;
@@ -151,6 +153,32 @@ TEST_F(PinboardClientTest, SpacingKeepsConcurrentRequestsUnderTheServiceLimit) {
   EXPECT_FALSE(waiting->completionProvider()(&error));
   EXPECT_EQ(error ? error->code() : 0, NSUserCancelledError);
   EXPECT_EQ(sim.requestCount("/v1/*"), ops.size()) << "nothing sent for the cancelled one";
+}
+
+TEST_F(PinboardClientTest, SpacingHoldsWhileEveryTransferThreadIsBusy) {
+  // Real time, short intervals: slow feeds hold every transfer thread while
+  // API calls get their turns. Those calls must still leave spaced, not all
+  // at once when threads come free.
+  pinboard_sim::RateLimits limits;
+  limits.general = 0.3;
+  sim.setRateLimits(limits);
+  defaults->setObject(Value(0.5), ZBPinboardRequestIntervalDefaultKey);
+  defaults->setObject(Value(0), ZBPinboardBackoffRetriesDefaultKey);  // any 429 fails its request
+  signIn();
+  sim.addFault(*Fault::parse("/json/*:delay=1.5"));
+  auto queue = NSOperationQueue::create();
+  std::vector<ZBPinboardClient::Operation> ops;
+  for (std::size_t i = 0; i < ZBPinboardTransferThreads::kMaximumThreads; ++i)
+    ops.push_back(client->retrieveFeedWithMethod("popular", false, 5));
+  for (auto& op : ops) queue->addOperation(op);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the feeds take the threads
+  for (int i = 0; i < 3; ++i) {
+    ops.push_back(client->retrieveLastPostUpdateDate());
+    queue->addOperation(ops.back());
+  }
+  queue->waitUntilAllOperationsAreFinished();
+  for (auto& op : ops) EXPECT_EQ(outcome(op), 0);
+  EXPECT_EQ(sim.rateLimitViolations(), 0u);
 }
 
 TEST_F(PinboardClientTest, CancellationEndsWaitsAndTransfersWithTheCancelledError) {

@@ -33,9 +33,28 @@ bool ZBPinboardRateLimiter::withdraw(std::uint64_t ticket) {
   return true;
 }
 
+void ZBPinboardRateLimiter::_release(const Turn& turn) {
+  if (turn.general && _generalPending == turn.ticket) _generalPending = 0;
+  auto it = _pendingOf.find(turn.requestClass);
+  if (it != _pendingOf.end() && it->second == turn.ticket) _pendingOf.erase(it);
+}
+
+void ZBPinboardRateLimiter::departed(const Turn& turn) {
+  {
+    ZBMutexLock hold(_mutex);
+    _release(turn);
+    const double now = _timers->now();
+    if (turn.general) _nextGeneral = std::max(_nextGeneral, now + turn.generalInterval);
+    auto& classNext = _nextOf.try_emplace(turn.requestClass, -kNever).first->second;
+    classNext = std::max(classNext, now + turn.classInterval);
+  }
+  _serve();
+}
+
 void ZBPinboardRateLimiter::giveBack(const Turn& turn) {
   {
     ZBMutexLock hold(_mutex);
+    _release(turn);
     if (turn.general && _nextGeneral == turn.generalAfter) _nextGeneral = turn.generalBefore;
     auto it = _nextOf.find(turn.requestClass);
     if (it != _nextOf.end() && it->second == turn.classAfter) it->second = turn.classBefore;
@@ -44,6 +63,8 @@ void ZBPinboardRateLimiter::giveBack(const Turn& turn) {
 }
 
 double ZBPinboardRateLimiter::_readyTime(const Waiter& w) const {
+  // Held until the turn given before has left (departed() serves again).
+  if (_pendingOf.count(w.requestClass) || (w.general && _generalPending)) return kNever;
   auto it = _nextOf.find(w.requestClass);
   double ready = it == _nextOf.end() ? -kNever : it->second;
   if (w.general) ready = std::max(ready, _nextGeneral);
@@ -68,8 +89,13 @@ void ZBPinboardRateLimiter::_serve() {
         continue;
       }
       Turn turn;
+      turn.ticket = it->ticket;
       turn.requestClass = it->requestClass;
       turn.general = it->general;
+      turn.generalInterval = it->generalInterval;
+      turn.classInterval = it->classInterval;
+      _pendingOf[it->requestClass] = it->ticket;
+      if (it->general) _generalPending = it->ticket;
       auto& classNext = _nextOf.try_emplace(it->requestClass, -kNever).first->second;
       turn.classBefore = classNext;
       classNext = turn.classAfter = now + it->classInterval;

@@ -34,8 +34,10 @@ class ZBPinboardRateLimiter : public std::enable_shared_from_this<ZBPinboardRate
 public:
   // What a turn took, for giveBack().
   struct Turn {
+    std::uint64_t ticket = 0;
     std::string requestClass;
     bool general = false;
+    double generalInterval = 0, classInterval = 0;
     double generalBefore = 0, classBefore = 0;  // the next free times it replaced
     double generalAfter = 0, classAfter = 0;    // the next free times it set
   };
@@ -56,8 +58,13 @@ public:
   // Takes ticket out of the line: true when it was waiting (its callback
   // never runs), false when its turn was given already or it never asked.
   bool withdraw(std::uint64_t ticket);
-  // Returns a turn that was given but not used, when nothing has been given
-  // after it in its class or in the general line.
+  // Every turn given ends in exactly one of these two. Until it does, no
+  // other turn of its class (or of the general line) is given: a request
+  // kept from leaving (every transfer thread busy) must not let the next one
+  // catch up with it.
+  // The request leaves now: the spacing counts from here.
+  void departed(const Turn& turn);
+  // The turn was not used: the next free times go back to what they were.
   void giveBack(const Turn& turn);
 
 private:
@@ -78,6 +85,11 @@ private:
   std::list<Waiter> _line ZB_GUARDED_BY(_mutex);
   double _nextGeneral ZB_GUARDED_BY(_mutex) = -std::numeric_limits<double>::infinity();
   std::map<std::string, double> _nextOf ZB_GUARDED_BY(_mutex);
+  // The tickets of turns given and not yet departed or given back (0: none).
+  std::uint64_t _generalPending ZB_GUARDED_BY(_mutex) = 0;
+  std::map<std::string, std::uint64_t> _pendingOf ZB_GUARDED_BY(_mutex);
+  // Ends turn's hold on the line; false when it held nothing.
+  void _release(const Turn& turn) ZB_REQUIRES(_mutex);
   std::uint64_t _wake ZB_GUARDED_BY(_mutex) = 0;  // the pending wake-up timer, 0: none
   double _wakeAt ZB_GUARDED_BY(_mutex) = 0;
 };
