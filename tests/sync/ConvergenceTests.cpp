@@ -9,6 +9,7 @@
 
 #include <signal.h>
 #include <spawn.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -312,6 +313,17 @@ void ConvergenceTest::runKillTrials(std::size_t bookmarks, int trials) {
     tick();
   }
   RecordProperty("completedRefreshes", completed);
+  {
+    sqlite3* db = nullptr;
+    const auto path = environment.stores() / "Pinboard" / "Pinboard.sqlite";
+    ASSERT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+    sqlite3_stmt* check = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &check, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(check), SQLITE_ROW);
+    EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(check, 0)), "ok");
+    sqlite3_finalize(check);
+    sqlite3_close(db);
+  }
 
   // A run killed after storing the service's date but before the whole list
   // was merged leaves the next refresh ending early while the service's date
