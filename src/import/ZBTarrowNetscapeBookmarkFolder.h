@@ -12,6 +12,10 @@ public:
   static std::shared_ptr<ZBTarrowNetscapeBookmarkFolder> create() {
     return std::make_shared<ZBTarrowNetscapeBookmarkFolder>();
   }
+  ZBTarrowNetscapeBookmarkFolder() = default;
+  // Releases nested folders without recursing, so that a tree nested
+  // 100 000 levels deep does not overflow the stack.
+  ~ZBTarrowNetscapeBookmarkFolder() override;
 
   const std::optional<std::vector<ZBTarrowNetscapeBookmarkPtr>>& items() const { return _items; }
   // Appends bookmark at the end, creating the list on first use.
