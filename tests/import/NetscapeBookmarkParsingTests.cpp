@@ -81,10 +81,14 @@ TEST(NetscapeBookmarkParsing, ExportShapesGiveTheirTreeFieldByField) {
        "<DT><A HREF=\"t\"></A>\n<DT><A HREF=\"first\">F</A> <A HREF=\"second\">S</A>\n<A HREF=\"loose\">L</A>\n</DL>",
        R"(F"My links"{I"empty href"<> I""<t> I"F"<first>})", 5,
        {Reason::LinkWithoutAddress, Reason::ExtraLinkInEntry, Reason::ExtraLinkInEntry}},
+      {"Old Mac files: CR line ends only",
+       "<TITLE>B</TITLE>\r<DL><p>\r<DT><H3>F</H3>\r<DL><p>\r<DT><A HREF=\"c\">C\rD</A>\r<DD>note\r</DL><p>\r</DL>\r",
+       R"(F""{F"F"{I"C D"<c>(note\r)}})", 1},
       {"A file in the tidied shape already",
        "<html><body><dl><dd><h3>Folder</h3><dl><dt><a href=\"t1\">T1</a></dt></dl></dd>"
        "<dt><a href=\"t2\">T2</a></dt><dd>desc</dd></dl></body></html>",
        R"(F""{F"Folder"{I"T1"<t1>} I"T2"<t2>(desc)})", 2},
+      {"Unknown one-letter elements", "<DL><d><DT><A HREF=\"u\">x<d>y</d></A></DL>", R"(F""{I"xy"<u>})", 1},
       {"No body: an empty untitled folder", "<html><head><title>x</title></head></html>", "Fnil", 0},
       {"Not HTML at all: an empty root", "just some text, no markup\n", R"(F"")", 0},
   };
@@ -130,6 +134,7 @@ TEST(NetscapeBookmarkParsing, EncodingsAreDecodedByMarkThenDeclarationThenUTF8El
       {file(meta("X-MAC-SYSTEM"), "\x8E"), "\xC3\xA9"},
       {file(meta("UTF-8"), "\xE6\x94\xB6"), "\xE6\x94\xB6"},
       {file(meta("no-such-charset"), "\xC3\xA9"), "\xC3\xA9"},  // unknown: as if undeclared
+      {file(meta("UTF-16"), "\xC3\xA9"), "\xC3\xA9"},           // a META that says UTF-16 means UTF-8
       {file("", "\xC3\xA9"), "\xC3\xA9"},                        // undeclared, valid UTF-8
       {file("", "\xE9t\xE9"), "\xC3\xA9t\xC3\xA9"},              // undeclared, not UTF-8
       {file(meta("windows-1252"), "caf&eacute; &#x263A;"), "caf\xC3\xA9 \xE2\x98\xBA"},

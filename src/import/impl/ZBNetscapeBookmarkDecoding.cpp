@@ -37,12 +37,14 @@ std::size_t findNoCase(std::string_view text, std::string_view needle, std::size
 // anywhere; the Mac programs that write it mean Mac Roman.
 std::string normalisedLabel(std::string label) {
   std::transform(label.begin(), label.end(), label.begin(), lower);
-  static constexpr std::array<std::pair<std::string_view, std::string_view>, 13> aliases{{
+  // A META cannot truly declare a UTF-16 or UTF-32 file (it was read as
+  // ASCII to be found), so, as in browsers, such labels mean UTF-8.
+  if (label.starts_with("utf-16") || label.starts_with("utf-32") || label == "utf8") return "utf-8";
+  static constexpr std::array<std::pair<std::string_view, std::string_view>, 11> aliases{{
       {"x-mac-roman", "macintosh"},   {"x-mac-system", "macintosh"}, {"mac", "macintosh"},
       {"macroman", "macintosh"},      {"x-mac", "macintosh"},        {"iso-8859-1", "windows-1252"},
       {"iso8859-1", "windows-1252"},  {"latin1", "windows-1252"},    {"l1", "windows-1252"},
-      {"us-ascii", "windows-1252"},   {"ascii", "windows-1252"},     {"utf-16", "utf-8"},
-      {"utf8", "utf-8"},
+      {"us-ascii", "windows-1252"},   {"ascii", "windows-1252"},
   }};
   for (const auto& [from, to] : aliases) {
     if (label == from) return std::string(to);

@@ -58,14 +58,14 @@ using Document = std::unique_ptr<xmlDoc, DocumentFree>;
 enum class Tag { Other, Dl, Dt, Dd, H3, A, Body };
 
 Tag tagOf(const xmlNode* node) {
-  if (node->type != XML_ELEMENT_NODE) return Tag::Other;
+  if (node->type != XML_ELEMENT_NODE || !node->name) return Tag::Other;
   // libxml2's HTML parser gives element names in lower case.
   const char* name = reinterpret_cast<const char*>(node->name);
   switch (name[0]) {
     case 'a':
       return name[1] == 0 ? Tag::A : Tag::Other;
     case 'd':
-      if (name[2] != 0) return Tag::Other;
+      if (name[1] == 0 || name[2] != 0) return Tag::Other;
       return name[1] == 'l' ? Tag::Dl : name[1] == 't' ? Tag::Dt : name[1] == 'd' ? Tag::Dd : Tag::Other;
     case 'h':
       return std::strcmp(name, "h3") == 0 ? Tag::H3 : Tag::Other;
@@ -281,7 +281,7 @@ private:
     _title.element = nullptr;
     _title.bookmark = nullptr;
     _title.text.clear();
-    _title.text.shrink_to_fit();
+    if (_title.text.capacity() > 65536) _title.text.shrink_to_fit();  // after a megabyte title
   }
 
   ZBTarrowNetscapeBookmarkFolder& _root;
