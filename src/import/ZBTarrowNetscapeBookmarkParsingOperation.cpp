@@ -42,20 +42,6 @@ std::optional<std::string> readFile(const NSURL& url) {
 
 }  // namespace
 
-std::string_view ZBTarrowNetscapeBookmarkSummary::reasonText(Reason reason) {
-  switch (reason) {
-    case Reason::LinkInNote:
-      return "link inside a note";
-    case Reason::LinkWithoutAddress:
-      return "link without an address";
-    case Reason::LinkOutsideEntry:
-      return "link outside any entry";
-    case Reason::ExtraLinkInEntry:
-      return "second link in one entry";
-  }
-  return {};
-}
-
 std::shared_ptr<ZBTarrowNetscapeBookmarkParsingOperation> ZBTarrowNetscapeBookmarkParsingOperation::create(
     NSURL bookmarkFileURL) {
   return std::make_shared<ZBTarrowNetscapeBookmarkParsingOperation>(Passkey(), std::move(bookmarkFileURL));
