@@ -33,13 +33,15 @@
 // - `<DT>` starts an entry. Its first `<A>` is the link (no href: no item),
 //   or its `<H3>` is a folder heading; anything else in it is not an entry.
 // - `<DD>` ends the entry. When the entry just made an item or folder, the
-//   `<DD>`'s first child, if it is text and not only white space, becomes
-//   its description, uncleaned. Everything up to the next `<DT>`, `<DD>`,
+//   `<DD>`'s first child, if it is text and not only white space (a tidier
+//   drops such text between elements), becomes its description, uncleaned. A
+//   description of the whole file describes no entry and is dropped. Everything up to the next `<DT>`, `<DD>`,
 //   `<DL>` or end of list belongs to the note: links in it are not items, and
 //   markup in it (Delicious notes hold raw `<li>`, `<code>`) stays in it.
-// - A title is the text of everything inside the `<A>` or `<H3>`, markup
-//   included (a raw `<canvas>` in a title stays in the title), up to its end
-//   or the next `<DT>`, `<DD>` or `<DL>` if libxml2 left it open across them.
+// - A title is the text of everything inside the `<A>` or `<H3>`, the text
+//   inside markup included (a raw `<canvas>` in a title stays in it and ends
+//   nothing), up to its end, or up to the next `<DT>`, `<DD>` or `<DL>` when
+//   libxml2 left it open across them.
 // - A `<DD>` holding an `<H3>` (a file already in the tidied shape) is an
 //   entry like a `<DT>`.
 // - An `<H3>` straight in the body, before anything else, titles the root.
