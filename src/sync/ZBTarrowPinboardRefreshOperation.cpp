@@ -94,7 +94,32 @@ bool ZBTarrowPinboardRefreshOperation::_saveContext(NSErrorPtr* error) {
 // The operation stays alive until its plan has finished, so the work below
 // may use `this`.
 void ZBTarrowPinboardRefreshOperation::setupOperations(const ZBAddWorkOperation& addWorkOperation) {
-  _processStaleLocalData(addWorkOperation);
+  // What talks to the service stops with us: a cancellation abandons the
+  // requests waiting for their turn or under way, and the pushes, which then
+  // send nothing more. (Merges still running save nothing either: see
+  // ZBTarrowSaveContextUnlessCancelled.)
+  _cancelForwarding = addObserver("isCancelled", NSKeyValueObservingOptions::None,
+                                  [this](const std::string&, NSObject&, const NSKeyValueChange&) {
+                                    if (!isCancelled()) return;
+                                    std::vector<std::shared_ptr<NSOperation>> outgoing;
+                                    {
+                                      ZBMutexLock lock(_outgoingMutex);
+                                      outgoing = _outgoing;
+                                    }
+                                    for (const auto& operation : outgoing) operation->cancel();
+                                  });
+  ZBAddWorkOperation tracking = [this, addWorkOperation](const std::shared_ptr<NSOperation>& operation) {
+    if (dynamic_cast<ZBPinboardRequestOperation*>(operation.get()) ||
+        dynamic_cast<ZBConcurrentOperation*>(operation.get())) {
+      {
+        ZBMutexLock lock(_outgoingMutex);
+        _outgoing.push_back(operation);
+      }
+      if (isCancelled()) operation->cancel();  // cancelled before it was tracked
+    }
+    addWorkOperation(operation);
+  };
+  _processStaleLocalData(tracking);
 }
 
 void ZBTarrowPinboardRefreshOperation::_processStaleLocalData(const ZBAddWorkOperation& addWorkOperation) {
@@ -116,14 +141,6 @@ void ZBTarrowPinboardRefreshOperation::_processDirtyLocalPosts(Array dirtyPosts,
   _setStatus(ZBLocalizedString("Sending local changes to Pinboard…"));
   auto postUpdate = ZBTarrowPinboardPostUpdateOperation::create(std::move(dirtyPosts), _client, _context);
   auto tagUpdate = ZBTarrowPinboardTagUpdateOperation::create(std::move(dirtyTags), _client, _context);
-  // The pushes stop with us: once cancelled they send nothing more and save
-  // nothing of what they sent.
-  _cancelForwarding = addObserver("isCancelled", NSKeyValueObservingOptions::Initial,
-                                  [this, postUpdate, tagUpdate](const std::string&, NSObject&, const NSKeyValueChange&) {
-                                    if (!isCancelled()) return;
-                                    postUpdate->cancel();
-                                    tagUpdate->cancel();
-                                  });
   addWorkOperation(postUpdate);
   addWorkOperation(tagUpdate);
   // Saves whatever the pushes confirmed, even when one of them failed.

@@ -36,6 +36,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/foundation/ZBMutex.h"
 #include "platform/objectstore/NSManagedObjectContext.h"
@@ -107,8 +108,11 @@ private:
   const std::shared_ptr<ZBPinboardClient> _client;
   const NSManagedObjectContextPtr _context;
   std::atomic<bool> _localOnly{false};
-  // Cancels the pushes when we are cancelled.
+  // Cancels the requests and pushes handed over (_outgoing) when we are
+  // cancelled.
   NSKeyValueObservation _cancelForwarding;
+  ZBMutex _outgoingMutex;
+  std::vector<std::shared_ptr<NSOperation>> _outgoing ZB_GUARDED_BY(_outgoingMutex);
   mutable ZBMutex _statusMutex;
   std::string _status ZB_GUARDED_BY(_statusMutex);
 };

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "platform/predicate/ZBStringFolding.h"
+#include "support/WaitUntil.h"
 #include "sync/SyncTestSupport.h"
 #include "sync/ZBTarrowDataError.h"
 #include "sync/ZBTarrowPinboardRefreshOperation.h"
@@ -275,6 +276,27 @@ TEST_F(RefreshTest, CancelledBetweenPhasesStopsWithTheCancellationError) {
   EXPECT_EQ(error->code(), NSUserCancelledError);
   EXPECT_TRUE(error->userInfo().empty());
   EXPECT_EQ(sim.requestCount("/v1/posts/all"), 0u);
+}
+
+// Cancelled while its full list waits out the service's five minutes: the
+// wait is abandoned at once and nothing more reaches the service.
+TEST_F(RefreshTest, CancelledWhileWaitingForItsTurnLeavesTheLineAtOnce) {
+  ASSERT_TRUE(sim.addBookmark("alice", bookmark("https://example.com/a", "A")));
+  NSUserDefaults::standardUserDefaults()->setObject(Value(NSDate(1.0)),
+                                                    ZBTarrowPinboardRefreshOperationLastUpdateTimestampDefaultKey);
+  defaults->setObject(Value(300.0), ZBPinboardAllPostsIntervalDefaultKey);
+  makeClient(nullptr);
+  auto op = ZBTarrowPinboardRefreshOperation::create(client, root);
+  auto queue = NSOperationQueue::create();
+  queue->addOperation(op);
+  // Phase 5's list left; phase 6's waits for its turn.
+  ASSERT_TRUE(WaitUntil([&] { return op->status() == "Refreshing all bookmarks from Pinboard…"; }));
+  const std::size_t sent = sim.requestLog().size();
+  op->cancel();
+  ASSERT_TRUE(WaitUntil([&] { return op->isFinished(); }));  // far sooner than the five minutes
+  NSErrorPtr error;
+  EXPECT_FALSE(op->completionProvider()(&error));
+  EXPECT_EQ(sim.requestLog().size(), sent);
 }
 
 // The service stores a write, then answers with an error: the run fails,
