@@ -206,7 +206,12 @@ void ZBTarrowPinboardRefreshOperation::_refreshPostsFromDate(const Value& fromDa
     complete(Value(true));
     return;
   }
-  auto request = _client->retrieveAllPostsWithTagsStartDate(Value(), fromDate, toDate);
+  // Without a start date, the whole list, unfiltered (an end date would
+  // filter by bookmark date, which may lie ahead): the client can then
+  // answer phase 6 with it instead of waiting out the service's five
+  // minutes between two full lists.
+  auto request = fromDate ? _client->retrieveAllPostsWithTagsStartDate(Value(), fromDate, toDate)
+                          : _client->retrieveAllPostsWithTags(Value());
   addPhase(
       addWorkOperation, {request},
       [this, request](NSErrorPtr* error) -> Value {

@@ -44,6 +44,8 @@ struct ZBPinboardClient::Call {
   bool addsToken = false;     // an API call: the token goes in the query
   bool streamsPosts = false;  // posts/all: read while it arrives
   std::string username;       // the owner of the posts read
+  // Set to the timers' time when the request leaves, if given.
+  std::shared_ptr<std::atomic<double>> departure;
 };
 
 struct ZBPinboardClient::Reply {
@@ -281,6 +283,8 @@ bool ZBPinboardClient::logout(NSErrorPtr* error) {
     ZBMutexLock hold(_mutex);
     _rssKeyValue.clear();
     _rssKeyOwner.clear();
+    _heldList.reset();
+    _lastUpdateRead.reset();
   }
   return ZBPinboardCredentials::removeFile(_credentialsPath(), error);
 }
@@ -398,6 +402,7 @@ void ZBPinboardClient::_transfer(const std::shared_ptr<const Call>& call, const 
   NSErrorPtr transportError;
   const std::function<bool()> cancelled = [&operation] { return operation->isCancelled(); };
   settle.departed();
+  if (call->departure) call->departure->store(_timers->now());
   const bool sent = call->streamsPosts
                         ? _sendReadingPosts(*call, request, response, cancelled, reply, &transportError)
                         : _transport->send(request, response, cancelled, &transportError);
@@ -491,7 +496,7 @@ void ZBPinboardClient::_backOff(std::shared_ptr<const Call> call, const Operatio
 }
 
 void ZBPinboardClient::_api(const OperationPointer& operation, const std::string& method, Params params, Then then,
-                            bool streamsPosts) {
+                            bool streamsPosts, std::shared_ptr<std::atomic<double>> departure) {
   auto credentials = this->credentials();
   if (!credentials) {
     Reply reply;
@@ -509,6 +514,7 @@ void ZBPinboardClient::_api(const OperationPointer& operation, const std::string
   call->addsToken = true;
   call->streamsPosts = streamsPosts;
   call->username = credentials->username();
+  call->departure = std::move(departure);
   if (method == "posts/all") {
     call->classInterval = s.allPostsInterval;
     call->timeout = s.allPostsTimeout;
@@ -585,10 +591,60 @@ ZBPinboardClient::Operation ZBPinboardClient::_authenticate(const std::string& u
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveLastPostUpdateDate() {
   return _request("posts/update", [self = _self()](const OperationPointer& op) {
-    self->_api(op, "posts/update", {}, _completing(op, [](Reply& reply, NSErrorPtr* error) {
-                 return ZBPinboardResponseParser::updateTime(reply.body, "posts/update", error);
+    auto credentials = self->credentials();
+    std::string token = credentials ? credentials->apiToken() : std::string();
+    self->_api(op, "posts/update", {}, _completing(op, [self, token](Reply& reply, NSErrorPtr* error) {
+                 Value date = ZBPinboardResponseParser::updateTime(reply.body, "posts/update", error);
+                 if (date) {
+                   ZBMutexLock hold(self->_mutex);
+                   self->_lastUpdateRead = UpdateRead{date, self->_timers->now(), token};
+                 }
+                 return date;
                }));
   });
+}
+
+void ZBPinboardClient::_fullList(const OperationPointer& operation) {
+  auto credentials = this->credentials();
+  const std::string token = credentials ? credentials->apiToken() : std::string();
+  std::optional<HeldList> held;
+  {
+    ZBMutexLock hold(_mutex);
+    held.swap(_heldList);  // one use at most
+  }
+  const double interval = _settings().allPostsInterval;
+  if (!held || token.empty() || held->before.token != token || _timers->now() - held->departedAt >= interval ||
+      held->departedAt - held->before.at < 1)
+    return _fetchFullList(operation);
+  // Has the service changed since? Its date, read again, tells.
+  _api(operation, "posts/update", {}, [self = _self(), operation, held = std::move(*held)](Reply& reply) {
+    NSErrorPtr error;
+    Value date = reply.error ? Value() : ZBPinboardResponseParser::updateTime(reply.body, "posts/update", &error);
+    if (date && date == held.before.date) return operation->_complete(held.posts, nullptr);
+    if (operation->isCancelled()) return operation->_complete(Value(), cancelledError());
+    _guarded(_completing(operation, [](Reply& r, NSErrorPtr*) { return std::move(r.posts); }),
+             [&] { self->_fetchFullList(operation); });
+  });
+}
+
+void ZBPinboardClient::_fetchFullList(const OperationPointer& operation) {
+  std::optional<UpdateRead> before;
+  {
+    ZBMutexLock hold(_mutex);
+    before = _lastUpdateRead;
+  }
+  auto departure = std::make_shared<std::atomic<double>>(0.0);
+  Params params{{"meta", "yes"}};
+  _api(operation, "posts/all", std::move(params),
+       [self = _self(), operation, before, departure](Reply& reply) {
+         if (reply.error) return operation->_complete(Value(), reply.error);
+         if (before && reply.posts) {
+           ZBMutexLock hold(self->_mutex);
+           self->_heldList = HeldList{reply.posts, *before, departure->load()};
+         }
+         operation->_complete(std::move(reply.posts), nullptr);
+       },
+       true, departure);
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTagsStartDate(const Value& tags,
@@ -616,7 +672,8 @@ ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTagsStartDate(
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrieveAllPostsWithTags(const Value& tags) {
-  return retrieveAllPostsWithTagsStartDate(tags, Value(), Value());
+  if (tags.count() != 0) return retrieveAllPostsWithTagsStartDate(tags, Value(), Value());
+  return _request("posts/all", [self = _self()](const OperationPointer& op) { self->_fullList(op); });
 }
 
 ZBPinboardClient::Operation ZBPinboardClient::retrievePostSuggestedTagsForURL(const std::string& url) {

@@ -54,6 +54,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -121,6 +122,15 @@ public:
   // dictionaries.
   Operation retrieveAllPostsWithTagsStartDate(const Value& tags, const Value& startDate, const Value& endDate);
   // Result: Array of all the user's post dictionaries (newest first).
+  //
+  // The service allows one full list every five minutes (the all-posts
+  // interval). When the whole list (no tags) is asked for again within that
+  // time, the client first asks posts/update; if the service's date is the
+  // one read before the list it holds was sent, at least a second before it
+  // was sent (so that no change of that second can be missing), the list
+  // held is the answer. Otherwise the request waits its turn. The list is
+  // held for one such use, for the same credentials, and no longer than the
+  // interval.
   Operation retrieveAllPostsWithTags(const Value& tags);
   // Result: Array of feed post dictionaries. method names a feed ("popular",
   // "recent", "popular/wikipedia", "starred", "network"…); authenticated asks
@@ -213,7 +223,10 @@ private:
   // An authenticated API call under the credentials held now; without any,
   // then gets ZBPinboardKitNotAuthenticatedError and nothing is sent.
   void _api(const OperationPointer& operation, const std::string& method, Params params, Then then,
-            bool streamsPosts = false);
+            bool streamsPosts = false, std::shared_ptr<std::atomic<double>> departure = nullptr);
+  // The whole list, fetched or served from _heldList (see retrieveAllPostsWithTags).
+  void _fullList(const OperationPointer& operation);
+  void _fetchFullList(const OperationPointer& operation);
   // An API call that answers with a result text: read gets it on success.
   void _apiResult(const OperationPointer& operation, const std::string& method, Params params,
                   std::function<void(const std::string& text)> read);
@@ -238,4 +251,18 @@ private:
   std::shared_ptr<ZBPinboardCredentials> _credentials ZB_GUARDED_BY(_mutex);
   std::string _rssKeyValue ZB_GUARDED_BY(_mutex);
   std::string _rssKeyOwner ZB_GUARDED_BY(_mutex);  // the apiToken() the key belongs to
+  // The service's date as last read (posts/update) and when, on the timers'
+  // clock; and the last whole list with what was known when it was sent.
+  struct UpdateRead {
+    Value date;
+    double at = 0;
+    std::string token;
+  };
+  struct HeldList {
+    Value posts;
+    UpdateRead before;
+    double departedAt = 0;
+  };
+  std::optional<UpdateRead> _lastUpdateRead ZB_GUARDED_BY(_mutex);
+  std::optional<HeldList> _heldList ZB_GUARDED_BY(_mutex);
 };

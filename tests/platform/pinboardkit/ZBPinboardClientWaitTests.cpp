@@ -11,6 +11,7 @@
 #include "platform/operations/NSOperationQueue.h"
 #include "platform/pinboardkit/impl/ZBPinboardThreads.h"
 
+using pinboard_sim::Bookmark;
 using pinboard_sim::Fault;
 
 namespace {
@@ -59,6 +60,74 @@ TEST_F(PinboardClientTest, ALongWaitHoldsOthersBackOnlyByTheGeneralSpacingAndACa
   EXPECT_EQ(outcome(next), 0);
   EXPECT_EQ(sim.requestCount("/v1/posts/all"), 2u);
   for (const auto& r : sim.requestLog()) EXPECT_EQ(r.status, 200) << r.path;
+}
+
+// A first refresh asks for the whole list twice within seconds; the service
+// allows one every five minutes. The list held is the answer while the
+// service's date proves nothing changed, and only then.
+TEST_F(PinboardClientTest, TheWholeListAskedForAgainIsTheOneHeldWhileTheServiceStoodStill) {
+  auto clock = std::make_shared<ZBManualClock>(NSDate(0));
+  auto spaced = serviceSpacedClient(clock);
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://a.org/", .title = "A"}));
+  auto queue = NSOperationQueue::create();
+  auto step = [&](const ZBPinboardClient::Operation& op, double advance) {
+    queue->addOperation(op);
+    if (advance > 0) {
+      EXPECT_TRUE(WaitUntil([&] { return op->isExecuting() || op->isFinished(); }));
+      clock->advance(advance);
+    }
+    return outcome(op);
+  };
+  auto count = [](const ZBPinboardClient::Operation& op) {
+    NSErrorPtr error;
+    return op->completionProvider()(&error).count();
+  };
+  ASSERT_EQ(step(spaced->retrieveLastPostUpdateDate(), 0), 0);
+  clock->advance(3);
+  auto first = spaced->retrieveAllPostsWithTags(Value());
+  ASSERT_EQ(step(first, 0), 0);
+  clock->advance(3);
+  auto again = spaced->retrieveAllPostsWithTags(Value());
+  ASSERT_EQ(step(again, 0), 0);  // no five minutes: one posts/update, then the list held
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 1u);
+  EXPECT_EQ(count(again), count(first));
+
+  // Held once only: the next one waits its turn, and after a change on the
+  // service the list held is not used.
+  clock->advance(3);
+  auto third = spaced->retrieveAllPostsWithTags(Value());
+  ASSERT_EQ(step(third, 294), 0);
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 2u);
+  clock->advance(3);
+  ASSERT_TRUE(sim.addBookmark("alice", Bookmark{.url = "https://b.org/", .title = "B"}));
+  clock->advance(3);
+  auto changed = spaced->retrieveAllPostsWithTags(Value());
+  queue->addOperation(changed);
+  ASSERT_TRUE(WaitUntil([&] { return sim.requestCount("/v1/posts/update") == 3; }));
+  ASSERT_TRUE(WaitUntil([&] { return changed->isExecuting(); }));
+  clock->advance(300);
+  ASSERT_EQ(outcome(changed), 0);
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 3u);
+  EXPECT_EQ(count(changed), 2u);
+  for (const auto& r : sim.requestLog()) EXPECT_EQ(r.status, 200) << r.path;
+
+  // A list sent less than a second after the date was read may lack a change
+  // of that same second: never served again.
+  defaults->setObject(Value(0.0), ZBPinboardRequestIntervalDefaultKey);
+  sim.setRateLimits({.general = 0, .recent = 0, .all = 300});
+  clock->advance(300);
+  auto quick = ZBPinboardClient::create(defaults, nullptr, clock);
+  quick->setCredentials(ZBPinboardCredentials::create("alice", secret));
+  ASSERT_EQ(step(quick->retrieveLastPostUpdateDate(), 0), 0);
+  ASSERT_EQ(step(quick->retrieveAllPostsWithTags(Value()), 0), 0);
+  auto notHeld = quick->retrieveAllPostsWithTags(Value());
+  queue->addOperation(notHeld);
+  ASSERT_TRUE(WaitUntil([&] { return notHeld->isExecuting(); }));
+  EXPECT_FALSE(WaitUntil([&] { return notHeld->isFinished(); }, 0.5));  // waiting for its turn
+  clock->advance(300);
+  ASSERT_EQ(outcome(notHeld), 0);
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 5u);
+  EXPECT_EQ(sim.rateLimitViolations(), 0u);
 }
 
 TEST_F(PinboardClientTest, RequestsWaitingThroughASignOutOrAChangeOfAccountNeverLeave) {
@@ -137,6 +206,8 @@ TEST_F(PinboardClientTest, AThousandRequestsWaitWithoutThreadsAndRunOnAFew) {
   // Running: no spacing, and every exchange goes through a few threads.
   auto counting = std::make_shared<CountingTransport>();
   defaults->setObject(Value(0.0), ZBPinboardRequestIntervalDefaultKey);
+  sim.setRateLimits({.general = 0, .recent = 0, .all = 300});
+  clock->advance(300);
   auto quick = ZBPinboardClient::create(defaults, counting);
   quick->setCredentials(ZBPinboardCredentials::create("alice", secret));
   ops.clear();
