@@ -96,6 +96,7 @@ std::shared_ptr<ZBTarrowDataController> ZBTarrowDataController::create(std::shar
                                                                        std::shared_ptr<ZBHTTPTransport> transport,
                                                                        std::shared_ptr<ZBClock> clock) {
   auto controller = create();
+  controller->_userDefaults = userDefaults;
   controller->setPinboardClient(ZBPinboardClient::create(std::move(userDefaults), std::move(transport), std::move(clock)));
   return controller;
 }
@@ -478,7 +479,8 @@ void ZBTarrowDataController::_enqueueLinkCheckerOperationIfNeeded() {
 
 std::shared_ptr<NSOperation> ZBTarrowDataController::_enqueueLinkCheckerOperation(CompletionHandler handler) {
   _setCheckingDeadLinks(true);
-  auto operation = ZBTarrowLinkCheckerOperation::create(pinboardStoreCoordinator()->rootManagedObjectContext());
+  auto operation =
+      ZBTarrowLinkCheckerOperation::create(pinboardStoreCoordinator()->rootManagedObjectContext(), _userDefaults);
   operationQueue()->addOperation(operation);
   _setLinkCheckerOperation(operation);
 

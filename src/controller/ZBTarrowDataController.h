@@ -77,7 +77,8 @@ public:
   // is not reported here: fetches and saves report it) and no client.
   static std::shared_ptr<ZBTarrowDataController> create();
   // The same, then a client configured by userDefaults (transport and clock
-  // as ZBPinboardClient::create takes them).
+  // as ZBPinboardClient::create takes them). The dead-link checks read their
+  // settings there too (the standard defaults without them).
   static std::shared_ptr<ZBTarrowDataController> create(std::shared_ptr<NSUserDefaults> userDefaults,
                                                         std::shared_ptr<ZBHTTPTransport> transport = nullptr,
                                                         std::shared_ptr<ZBClock> clock = nullptr);
@@ -187,6 +188,8 @@ private:
   CompletionHandler _autoRefreshCompletion ZB_GUARDED_BY(_mutex);
   bool _shouldCheckDeadLinks ZB_GUARDED_BY(_mutex) = false;
 
+  // Given at creation (null: the standard ones); set once, before any job.
+  std::shared_ptr<NSUserDefaults> _userDefaults;
   // The three self-observations: refresh status, link-checker status,
   // refresh interval. Ended first thing in the destructor.
   std::vector<NSKeyValueObservation> _observations;
