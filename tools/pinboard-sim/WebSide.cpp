@@ -304,8 +304,14 @@ void WebSide::_serve(int fd) {
     {
       ZBMutexLock lock(_mutex);
       _requests.push_back(request);
+      _maximumInFlight = std::max(_maximumInFlight, ++_inFlight);
     }
-    if (!_answer(fd, request, keepAlive)) break;
+    bool answered = _answer(fd, request, keepAlive);
+    {
+      ZBMutexLock lock(_mutex);
+      --_inFlight;
+    }
+    if (!answered) break;
     idleSince = Clock::now();
   }
   _connectionClosed(fd);
@@ -390,8 +396,14 @@ int WebSide::maximumConnections() const {
   return _maximumOpen;
 }
 
+int WebSide::maximumRequestsInFlight() const {
+  ZBMutexLock lock(_mutex);
+  return _maximumInFlight;
+}
+
 void WebSide::resetCounters() {
   ZBMutexLock lock(_mutex);
+  _maximumInFlight = _inFlight;
   _maximumOpen = static_cast<int>(_open.size());
   _maximumPerHost = _openPerHost;
 }

@@ -69,6 +69,9 @@ public:
   int maximumConnections(const std::string& host) const;
   int maximumConnectionsPerHost() const;
   int maximumConnections() const;
+  // The most requests being answered at once. Unlike the connection counts it
+  // does not lag behind a client's close, which the server sees only later.
+  int maximumRequestsInFlight() const;
   void resetCounters();
 
   struct Listener;
@@ -94,6 +97,8 @@ private:
   std::map<std::string, int> _openPerHost ZB_GUARDED_BY(_mutex);
   std::map<std::string, int> _maximumPerHost ZB_GUARDED_BY(_mutex);
   int _maximumOpen ZB_GUARDED_BY(_mutex) = 0;
+  int _inFlight ZB_GUARDED_BY(_mutex) = 0;
+  int _maximumInFlight ZB_GUARDED_BY(_mutex) = 0;
   std::vector<WebRequestRecord> _requests ZB_GUARDED_BY(_mutex);
   std::vector<std::thread> _threads ZB_GUARDED_BY(_mutex);
 };
