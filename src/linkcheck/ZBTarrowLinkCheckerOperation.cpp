@@ -1,5 +1,7 @@
 #include "linkcheck/ZBTarrowLinkCheckerOperation.h"
 
+#include <unordered_set>
+
 #include "model/ZBTarrowPinboardPost.h"
 #include "platform/foundation/NSURL.h"
 #include "platform/foundation/ZBLocalizedString.h"
@@ -92,9 +94,14 @@ void ZBTarrowLinkCheckerOperation::_processPostURLs(const Array& postURLs, const
     auto scratch = _scratchContext();
     Value results = check->completionProvider()(error);
     if (!results) return Value();
+    // A repeated address carries the same verdict and would find the same
+    // first post, already settled; asking again could instead find a later
+    // duplicate, because the scratch context lists its own changed objects
+    // after the unchanged stored ones.
+    std::unordered_set<std::string> done;
     for (const Value& item : results.asArray()) {
       auto result = item.as<ZBWebLinkCheckResult>();
-      if (!result) continue;
+      if (!result || !done.insert(result->websiteURL().absoluteString()).second) continue;
       auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
       request->setFetchLimit(1);
       request->setPredicate(NSPredicate::predicateWithFormat(
