@@ -178,6 +178,7 @@ private:
   const ZBLinkCheckCallbacks& _callbacks;
   std::unique_ptr<CURLM, MultiDeleter> _multi;
   std::unique_ptr<curl_slist, SlistDeleter> _resolve;
+  bool _resolveLoaded = false;
   std::vector<std::unique_ptr<Slot>> _slots;
   std::vector<std::unique_ptr<CURL, EasyDeleter>> _easies;
   std::vector<Slot*> _free;
@@ -302,7 +303,13 @@ void Run::_start(std::uint32_t t, Slot& slot) {
   curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, discardBody);
   curl_easy_setopt(e, CURLOPT_WRITEDATA, &slot);
   curl_easy_setopt(e, CURLOPT_PRIVATE, &slot);
-  if (_resolve) curl_easy_setopt(e, CURLOPT_RESOLVE, _resolve.get());
+  // The overrides go into the multi handle's shared name cache, for good:
+  // loading them once is enough (and loading them for every transfer costs
+  // more than the transfer when there are hundreds).
+  if (_resolve && !_resolveLoaded) {
+    curl_easy_setopt(e, CURLOPT_RESOLVE, _resolve.get());
+    _resolveLoaded = true;
+  }
   if (slot.head) curl_easy_setopt(e, CURLOPT_NOBODY, 1L);
   else curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
   ++_hosts[task.hopHost].inFlight;
