@@ -20,6 +20,7 @@
 
 #include <benchmark/benchmark.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -48,6 +49,7 @@ public:
     if (pipe(fds) != 0) std::abort();
     _pid = fork();
     if (_pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // dies with the benchmark, even when it aborts
       close(fds[0]);
       pinboard_sim::WebSide web;
       if (!web.start()) _exit(1);

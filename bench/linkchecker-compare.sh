@@ -9,7 +9,8 @@
 set -eu
 build=${1:-build/release}
 work=$(mktemp -d)
-trap 'kill $sim 2>/dev/null || true; rm -rf "$work"' EXIT
+chmod 755 "$work"  # linkchecker drops root privileges to read its input
+trap 'kill $sim 2>/dev/null || true; [ -n "${KEEP:-}" ] || rm -rf "$work"' EXIT
 
 # Listen on every loopback address: 127.0.0.2…101 are a hundred hosts.
 "$build/tools/pinboard-sim/pinboard-sim" --host 0.0.0.0 --port 0 --web-port 0 >"$work/sim.out" &
@@ -42,6 +43,7 @@ sort -o "$work/expected" "$work/expected"
 } >"$work/links.html"
 printf '[checking]\nthreads=32\nmaxrequestspersecond=1000\n' >"$work/linkcheckerrc"
 
+echo "work: $work"
 echo "addresses: $(wc -l <"$work/list"), expected dead: $(wc -l <"$work/expected")"
 
 start=$(date +%s.%N)

@@ -306,18 +306,25 @@ void WebSide::_serve(int fd) {
       _requests.push_back(request);
       _maximumInFlight = std::max(_maximumInFlight, ++_inFlight);
     }
-    bool answered = _answer(fd, request, keepAlive);
-    {
+    // A request stops counting just before its answer leaves: once the client
+    // has the answer it may send the next one, which must not overlap it here.
+    bool counted = true;
+    auto leaving = [&] {
+      if (!counted) return;
+      counted = false;
       ZBMutexLock lock(_mutex);
       --_inFlight;
-    }
+    };
+    bool answered = _answer(fd, request, keepAlive, leaving);
+    leaving();
     if (!answered) break;
     idleSince = Clock::now();
   }
   _connectionClosed(fd);
 }
 
-bool WebSide::_answer(int fd, const WebRequestRecord& request, bool& keepAlive) {
+bool WebSide::_answer(int fd, const WebRequestRecord& request, bool& keepAlive,
+                      const std::function<void()>& leaving) {
   std::size_t q = request.target.find('?');
   std::string path = request.target.substr(0, q);
   auto params = queryOf(q == std::string::npos ? "" : request.target.substr(q + 1));
@@ -347,7 +354,10 @@ bool WebSide::_answer(int fd, const WebRequestRecord& request, bool& keepAlive) 
   } else if (what == "head" && parts.size() >= 3) {
     status = number(head ? parts[1] : parts[2], 404);
   } else if (what == "head-drop" && parts.size() >= 2) {
-    if (head) return false;
+    if (head) {
+      leaving();
+      return false;
+    }
     status = number(parts[1], 404);
   } else if (what == "retry" && parts.size() >= 2) {
     status = number(parts[1], 503);
@@ -358,6 +368,7 @@ bool WebSide::_answer(int fd, const WebRequestRecord& request, bool& keepAlive) 
       if (!sendAll(fd, "X")) return false;
     return false;
   } else if (what == "drop") {
+    leaving();
     return false;
   }
   const std::string body = std::to_string(status) + " " + reason(status) + "\n";
@@ -368,6 +379,7 @@ bool WebSide::_answer(int fd, const WebRequestRecord& request, bool& keepAlive) 
                          "LinkChecker: allowed\r\n" +
                          extra + (keepAlive ? "" : "Connection: close\r\n") + "\r\n";
   if (!head) response += body;
+  leaving();
   return sendAll(fd, response);
 }
 

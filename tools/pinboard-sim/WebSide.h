@@ -22,6 +22,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -80,7 +81,7 @@ public:
 private:
   void _acceptLoop(Listener* listener);
   void _serve(int fd);
-  bool _answer(int fd, const WebRequestRecord& request, bool& keepAlive);
+  bool _answer(int fd, const WebRequestRecord& request, bool& keepAlive, const std::function<void()>& leaving);
   void _connectionOpened(int fd);
   void _connectionHost(int fd, const std::string& host);
   void _connectionClosed(int fd);

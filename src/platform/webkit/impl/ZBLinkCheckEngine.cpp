@@ -76,6 +76,11 @@ struct Host {
   std::uint32_t head = kNone, tail = kNone;
   int inFlight = 0;
   Clock::time_point notBefore{};
+  // How the host failed in this pass (name or connection), if it did: its
+  // other tasks then take the same provisional outcome without asking, which
+  // spares the resolver a lookup per address (resolvers throttle bursts of
+  // failing lookups) and an offline run its time.
+  Outcome failed = Outcome::Pending;
   bool queued = false;  // in the ready queue or the deferred heap
 };
 
@@ -357,9 +362,12 @@ void Run::_finished(Slot& slot, CURLcode code) {
     case CURLE_OK: break;
     // A time-out wins over whatever status a half-received answer carried.
     case CURLE_OPERATION_TIMEDOUT: return _settle(t, Outcome::Alive);
-    case CURLE_COULDNT_RESOLVE_HOST: return _settle(t, Outcome::Unresolved);
+    case CURLE_COULDNT_RESOLVE_HOST:
+      _hosts[hop].failed = Outcome::Unresolved;
+      return _settle(t, Outcome::Unresolved);
     case CURLE_COULDNT_CONNECT:
-      return _settle(t, osError == ECONNREFUSED ? Outcome::Refused : Outcome::Unreachable);
+      _hosts[hop].failed = osError == ECONNREFUSED ? Outcome::Refused : Outcome::Unreachable;
+      return _settle(t, _hosts[hop].failed);
     case CURLE_GOT_NOTHING:
     case CURLE_RECV_ERROR:
     case CURLE_SEND_ERROR:
@@ -436,6 +444,11 @@ bool Run::_drive(NSErrorPtr* error) {
       std::uint32_t t = host.head;
       host.head = _tasks[t].next;
       if (host.head == kNone) host.tail = kNone;
+      if (host.failed != Outcome::Pending) {
+        _settle(t, host.failed);
+        _schedule(id);
+        continue;
+      }
       Slot* slot = nullptr;
       if (!_free.empty()) {
         slot = _free.back();
@@ -507,6 +520,7 @@ bool Run::run(const std::vector<std::string>& addresses, std::vector<bool>& brok
   if (!again.empty()) {
     if (!_pause(_settings.recheckDelay)) return ZBSetError(error, ZBUserCancelledError());
     _recheck = true;
+    for (Host& host : _hosts) host.failed = Outcome::Pending;
     for (std::uint32_t t : again) {
       _tasks[t].restart();
       _enqueue(t, false);
