@@ -359,6 +359,12 @@ bool WebSide::_answer(int fd, const WebRequestRecord& request, bool& keepAlive,
       return false;
     }
     status = number(parts[1], 404);
+  } else if (what == "exact" && params.count("is")) {
+    // 200 only when the path arrived byte for byte as ?is= spells it: sites
+    // whose paths hold %2F, '+' or escaped UTF-8 answer 404 to a client that
+    // rewrote them.
+    std::string raw = path.substr(std::string("/exact/").size() < path.size() ? 7 : path.size());
+    status = raw == params["is"] ? 200 : 404;
   } else if (what == "retry" && parts.size() >= 2) {
     status = number(parts[1], 503);
     extra = "Retry-After: " + (params.count("after") ? params["after"] : std::string("1")) + "\r\n";

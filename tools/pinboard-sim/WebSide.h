@@ -13,6 +13,7 @@
 //   /to?url=U                       302 to U (percent-decoded; relative or absolute)
 //   /head/H/G                       answers H to HEAD and G to GET
 //   /head-drop/G                    closes on HEAD, answers G to GET
+//   /exact/RAW?is=E                 200 when RAW arrived exactly as E (percent-decoded) spells it, else 404
 //   /retry/CODE?after=S             CODE with Retry-After: S
 //   /trickle                        the status line, then a header byte every 100 ms, never done
 //   /drop                           closes the connection without a word
