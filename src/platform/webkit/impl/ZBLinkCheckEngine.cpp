@@ -169,7 +169,7 @@ private:
   void _addTasks(const std::vector<std::string>& addresses, std::vector<std::uint32_t>& taskOfInput);
   std::uint32_t _hostId(const std::string& name, int port);
   void _enqueue(std::uint32_t task, bool front);
-  void _schedule(std::uint32_t host);
+  void _schedule(std::uint32_t host, bool front = false);
   bool _drive(NSErrorPtr* error);
   void _start(std::uint32_t task, Slot& slot);
   void _finished(Slot& slot, CURLcode code);
@@ -279,11 +279,12 @@ void Run::_enqueue(std::uint32_t task, bool front) {
   _schedule(_tasks[task].hopHost);
 }
 
-void Run::_schedule(std::uint32_t id) {
+void Run::_schedule(std::uint32_t id, bool front) {
   Host& host = _hosts[id];
   if (host.queued || host.head == kNone || host.inFlight >= _settings.maximumConnectionsPerHost) return;
   host.queued = true;
   if (host.notBefore > Clock::now()) _deferred.emplace(host.notBefore, id);
+  else if (front) _ready.push_front(id);
   else _ready.push_back(id);
 }
 
@@ -351,7 +352,9 @@ void Run::_finished(Slot& slot, CURLcode code) {
   _free.push_back(&slot);
   --_active;
   --_hosts[hop].inFlight;
-  _schedule(hop);
+  // The host goes first, so its next address takes the connection just
+  // freed before the pool evicts it for another host's.
+  _schedule(hop, true);
 
   if (code == CURLE_WRITE_ERROR && slot.bodyStarted) code = CURLE_OK;  // stopped by us after the headers
   auto retryAsGet = [&] {
