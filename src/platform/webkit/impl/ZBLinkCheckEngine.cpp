@@ -505,7 +505,8 @@ void Run::_verify() {
   for (Task& task : _tasks) {
     if (!provisional(task.outcome)) continue;
     auto it = targetOfHost.find(task.hopHost);
-    bool dead = it != targetOfHost.end() && verdicts[it->second] != ZBLinkCheckProbeVerdict::Other;
+    bool dead = task.outcome != Outcome::Unreachable && it != targetOfHost.end() &&
+                verdicts[it->second] != ZBLinkCheckProbeVerdict::Other;
     task.outcome = dead ? Outcome::Dead : Outcome::Alive;
   }
 }
