@@ -9,8 +9,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -56,16 +60,49 @@ bool overrideAddresses(const std::vector<std::string>& overrides, const std::str
   return false;
 }
 
-// One asynchronous resolver request. Its storage must outlive the request,
-// so it is heap-held and, when a running lookup cannot be cancelled, left to
-// the resolver (a few bytes, once per stuck lookup) rather than freed under it.
-struct Lookup {
-  std::string name, service;
-  addrinfo hints{};
-  gaicb request{};
-  bool done = false;
-  int code = EAI_INPROGRESS;
+// Lookups run on a few helper threads of their own (getaddrinfo blocks, and
+// glibc's getaddrinfo_a starts threads that sanitizers cannot follow). The
+// state is shared, so a probe that stops waiting (cancelled, past its
+// deadline) leaves stuck lookups to finish on their own.
+struct Lookups {
+  std::mutex mutex;
+  std::vector<std::string> names, services;
+  std::vector<int> codes;  // EAI_INPROGRESS until done
+  std::vector<std::vector<Address>> found;
+  std::size_t next = 0, done = 0;
 };
+
+void lookUp(const std::shared_ptr<Lookups>& lookups) {
+  for (;;) {
+    std::size_t i;
+    std::string name, service;
+    {
+      std::lock_guard lock(lookups->mutex);
+      if (lookups->next == lookups->names.size()) return;
+      i = lookups->next++;
+      name = lookups->names[i];
+      service = lookups->services[i];
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* result = nullptr;
+    int code = getaddrinfo(name.c_str(), service.c_str(), &hints, &result);
+    std::vector<Address> addresses;
+    for (addrinfo* ai = code == 0 ? result : nullptr; ai; ai = ai->ai_next) {
+      Address a;
+      std::memcpy(&a.storage, ai->ai_addr, ai->ai_addrlen);
+      a.length = ai->ai_addrlen;
+      addresses.push_back(a);
+    }
+    if (result) freeaddrinfo(result);
+    std::lock_guard lock(lookups->mutex);
+    lookups->codes[i] = code;
+    lookups->found[i] = std::move(addresses);
+    ++lookups->done;
+  }
+}
 
 struct Socket {
   int fd = -1;
@@ -119,65 +156,42 @@ std::vector<ZBLinkCheckProbeVerdict> ZBLinkCheckProbe(const std::vector<ZBLinkCh
   const auto deadline = Clock::now() + std::chrono::milliseconds(static_cast<long long>(timeout * 1000));
   std::vector<ZBLinkCheckProbeVerdict> verdicts(targets.size(), ZBLinkCheckProbeVerdict::Other);
   std::vector<std::vector<Address>> addresses(targets.size());
-  std::vector<std::unique_ptr<Lookup>> lookups(targets.size());
-  std::vector<gaicb*> batch;
+  auto lookups = std::make_shared<Lookups>();
+  std::vector<std::size_t> lookupOf(targets.size(), SIZE_MAX);
   for (std::size_t i = 0; i < targets.size(); ++i) {
     if (overrideAddresses(overrides, targets[i].name, targets[i].port, addresses[i])) continue;
-    auto lookup = std::make_unique<Lookup>();
-    lookup->name = targets[i].name;
-    lookup->service = std::to_string(targets[i].port);
-    lookup->hints.ai_family = AF_UNSPEC;
-    lookup->hints.ai_socktype = SOCK_STREAM;
-    lookup->hints.ai_flags = AI_NUMERICSERV;
-    lookup->request.ar_name = lookup->name.c_str();
-    lookup->request.ar_service = lookup->service.c_str();
-    lookup->request.ar_request = &lookup->hints;
-    batch.push_back(&lookup->request);
-    lookups[i] = std::move(lookup);
+    lookupOf[i] = lookups->names.size();
+    lookups->names.push_back(targets[i].name);
+    lookups->services.push_back(std::to_string(targets[i].port));
   }
-  // The resolver's own threads run the lookups; this thread only polls them,
-  // so that cancellation and the deadline hold even when a resolver hangs.
-  if (!batch.empty() && getaddrinfo_a(GAI_NOWAIT, batch.data(), static_cast<int>(batch.size()), nullptr) != 0) {
-    for (auto& lookup : lookups) lookup.reset();  // nothing was queued; every lookup stays Other
+  lookups->codes.assign(lookups->names.size(), EAI_INPROGRESS);
+  lookups->found.resize(lookups->names.size());
+  const std::size_t helpers = std::min<std::size_t>(lookups->names.size(), 8);
+  for (std::size_t h = 0; h < helpers; ++h) {
+    try {
+      std::thread([lookups] { lookUp(lookups); }).detach();
+    } catch (const std::system_error&) {
+      break;  // fewer helpers; with none every lookup stays undecided (Other)
+    }
   }
-  for (;;) {
-    bool pending = false;
-    for (auto& lookup : lookups) {
-      if (!lookup || lookup->done) continue;
-      int code = gai_error(&lookup->request);
-      if (code == EAI_INPROGRESS) {
-        pending = true;
-      } else {
-        lookup->done = true;
-        lookup->code = code;
-      }
+  while (helpers > 0) {
+    {
+      std::lock_guard lock(lookups->mutex);
+      if (lookups->done == lookups->names.size()) break;
     }
-    if (!pending) break;
-    if ((cancelled && cancelled()) || Clock::now() >= deadline) {
-      for (auto& lookup : lookups) {
-        if (!lookup || lookup->done) continue;
-        if (gai_cancel(&lookup->request) == EAI_CANCELED) lookup->done = true;
-        else (void)lookup.release();  // still running: its storage belongs to the resolver now
-      }
-      break;
-    }
+    if ((cancelled && cancelled()) || Clock::now() >= deadline) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  for (std::size_t i = 0; i < targets.size(); ++i) {
-    Lookup* lookup = lookups[i].get();
-    if (lookup) {
-      if (!lookup->done) continue;
-      if (lookup->code == EAI_NONAME) verdicts[i] = ZBLinkCheckProbeVerdict::NoSuchName;
-      if (lookup->code == 0) {
-        for (addrinfo* ai = lookup->request.ar_result; ai; ai = ai->ai_next) {
-          Address a;
-          std::memcpy(&a.storage, ai->ai_addr, ai->ai_addrlen);
-          a.length = ai->ai_addrlen;
-          addresses[i].push_back(a);
-        }
-        freeaddrinfo(lookup->request.ar_result);
-      }
+  {
+    std::lock_guard lock(lookups->mutex);
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+      std::size_t k = lookupOf[i];
+      if (k == SIZE_MAX) continue;
+      if (lookups->codes[k] == EAI_NONAME) verdicts[i] = ZBLinkCheckProbeVerdict::NoSuchName;
+      if (lookups->codes[k] == 0) addresses[i] = lookups->found[k];
     }
+  }
+  for (std::size_t i = 0; i < targets.size(); ++i) {
     if (targets[i].kind == ZBLinkCheckProbeKind::Refusal && verdicts[i] == ZBLinkCheckProbeVerdict::Other &&
         allRefuse(addresses[i], deadline, cancelled))
       verdicts[i] = ZBLinkCheckProbeVerdict::AllRefused;
