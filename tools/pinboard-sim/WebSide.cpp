@@ -213,7 +213,7 @@ bool WebSide::_sleep(int milliseconds) const {
   while (Clock::now() < until) {
     if (_stopping.load()) return false;
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
-    std::this_thread::sleep_for(std::min(left, std::chrono::milliseconds(10)));
+    std::this_thread::sleep_for(std::min(left, std::chrono::milliseconds(50)));  // one sleep for short delays
   }
   return true;
 }
