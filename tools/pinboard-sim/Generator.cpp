@@ -155,6 +155,14 @@ std::vector<Bookmark> generateBookmarks(const std::string& username, std::size_t
       b.url = (r.chance(0.15) ? "http://" : "https://") + host + "/" + username + "/" + slug + "-" +
               std::to_string(i) + (r.chance(0.3) ? "/" : "");
     }
+    if (!o.webBase.empty() && o.webShare > 0) {
+      // Its own stream per index, so the main one is not disturbed.
+      Random w((o.seed + 0x9e3779b97f4a7c15ull) ^ (i * 0xbf58476d1ce4e5b9ull));
+      if (w.uniform() < o.webShare) {
+        const char* status = w.uniform() < o.deadShare ? (w.chance(0.5) ? "404" : "410") : "200";
+        b.url = o.webBase + "/status/" + status + "/" + username + "/" + slug + "-" + std::to_string(i);
+      }
+    }
     if (!urls.insert(b.url).second) {
       b.url += "?v=" + std::to_string(i);
       urls.insert(b.url);

@@ -4,6 +4,7 @@
 // distributions, nothing from <random>, whose distributions vary by library).
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "pinboard-sim/Bookmark.h"
@@ -31,6 +32,13 @@ struct GeneratorOptions {
   double untidyNotesShare = 0.1;     // notes ending in spaces or line breaks
   std::size_t tagVocabulary = 1500;  // distinct tags, drawn with a Zipf law
   double zipfExponent = 1.1;
+  // Link-check ground: with webBase set ("http://127.0.0.1:PORT", a WebSide),
+  // this share of the bookmarks points at it instead, and deadShare of those
+  // at addresses it answers 404 or 410. Decided by the bookmark's index
+  // alone, so the rest of the collection stays as without it.
+  std::string webBase;
+  double webShare = 0;
+  double deadShare = 0.25;
 };
 
 // count bookmarks with distinct URLs, newest first. The URLs embed the

@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "pinboard-sim/Simulator.h"
+#include "pinboard-sim/WebSide.h"
 
 using namespace pinboard_sim;
 
@@ -62,6 +63,8 @@ int main(int argc, char** argv) {
   std::uint64_t generatorSeed = 1;
   bool serviceLimits = false;
   double rateGeneral = -1, rateRecent = -1, rateAll = -1;
+  int webPort = -1;
+  double webShare = 0, webDeadShare = 0.25;
 
   app.add_option("--host", options.host, "Address to listen on")->capture_default_str();
   app.add_option("--port", options.port, "Port to listen on (0: any free port)")->capture_default_str();
@@ -88,6 +91,11 @@ int main(int argc, char** argv) {
                  "NAME=on|off: string-counts, empty-map-as-array, trailing-whitespace, escape-slashes, "
                  "escape-non-ascii, bom, text-plain, untagged-feed-empty-tag, feed-dates-with-offset, "
                  "keep-time-on-replace, include-others, gzip, inclusive-date-range, truncate-overlong (repeatable)");
+  app.add_option("--web-port", webPort,
+                 "Also serve the web side for link checks on this port (0: any free port; off when absent)");
+  app.add_option("--web-share", webShare,
+                 "Share of generated bookmarks pointing at the web side (needs --web-port)")->capture_default_str();
+  app.add_option("--web-dead-share", webDeadShare, "Share of those answering 404 or 410")->capture_default_str();
   CLI11_PARSE(app, argc, argv);
 
   for (const auto& setting : quirkSettings) {
@@ -120,6 +128,22 @@ int main(int argc, char** argv) {
     std::cerr << "pinboard-sim: " << error << "\n";
     return 2;
   }
+  // Signals are taken synchronously by this thread; block them before the
+  // servers' threads start so that none of those receives them.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  std::unique_ptr<WebSide> web;
+  if (webPort >= 0) {
+    web = std::make_unique<WebSide>(options.host, webPort);
+    if (!web->start(&error)) {
+      std::cerr << "pinboard-sim: " << error << "\n";
+      return 1;
+    }
+  }
   for (const auto& setting : users) {
     std::size_t c1 = setting.find(':');
     AccountSeed seed;
@@ -139,20 +163,17 @@ int main(int argc, char** argv) {
     if (fresh && bookmarks > 0) {
       GeneratorOptions g;
       g.seed = generatorSeed;
+      if (web) {
+        g.webBase = web->baseURL();
+        g.webShare = webShare;
+        g.deadShare = webDeadShare;
+      }
       if (!sim.generateBookmarks(seed.username, bookmarks, g)) {
         std::cerr << "pinboard-sim: no account " << seed.username << " to generate bookmarks for\n";
         return 1;
       }
     }
   }
-
-  // Signals are taken synchronously by this thread; block them before the
-  // server's threads start so that none of those receives them.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   if (!sim.start(&error)) {
     std::cerr << "pinboard-sim: " << error << "\n";
@@ -161,6 +182,7 @@ int main(int argc, char** argv) {
   std::cout << sim.baseURL() << "\n"
             << "api: " << sim.apiURL() << "\n"
             << "feeds: " << sim.feedsURL() << "\n";
+  if (web) std::cout << "web: " << web->baseURL() << "\n";
   for (const auto& setting : users) {
     std::string name = setting.substr(0, setting.find(':'));
     std::cout << "user " << name << ": " << sim.bookmarkCount(name) << " bookmarks\n";
@@ -185,6 +207,7 @@ int main(int argc, char** argv) {
     if (sig == SIGINT || sig == SIGTERM) break;
   }
   sim.stop();
+  if (web) web->stop();
   save();
   if (std::size_t refused = sim.rateLimitViolations()) std::cerr << "pinboard-sim: " << refused << " calls came too soon (429)\n";
   return 0;

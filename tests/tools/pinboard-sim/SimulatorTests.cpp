@@ -582,6 +582,32 @@ TEST(SimulatorServer, RefusesABusyPortAndStopsTwice) {
   EXPECT_TRUE(second.start(&error)) << "the port is free again: " << error;
 }
 
+TEST(SimulatorGenerator, PointsAShareAtTheWebSideAndLeavesTheRestAlone) {
+  auto plain = generateBookmarks("alice", 2000);
+  GeneratorOptions web;
+  web.webBase = "http://127.0.0.1:9";
+  web.webShare = 0.3;
+  auto mixed = generateBookmarks("alice", 2000, web);
+  ASSERT_EQ(mixed.size(), plain.size());
+  int onWeb = 0, dead = 0;
+  for (std::size_t i = 0; i < plain.size(); ++i) {
+    EXPECT_EQ(mixed[i].title, plain[i].title) << i;
+    EXPECT_EQ(mixed[i].tags, plain[i].tags) << i;
+    if (mixed[i].url.rfind(web.webBase + "/status/", 0) != 0) {
+      // Only the suffix that keeps repeated popular URLs apart may differ.
+      auto bare = [](const std::string& url) { return url.substr(0, url.find("?v=")); };
+      EXPECT_EQ(bare(mixed[i].url), bare(plain[i].url)) << i;
+      continue;
+    }
+    ++onWeb;
+    std::string status = mixed[i].url.substr(web.webBase.size() + 8, 3);
+    EXPECT_TRUE(status == "200" || status == "404" || status == "410") << mixed[i].url;
+    dead += status != "200";
+  }
+  EXPECT_NEAR(onWeb, 600, 100);
+  EXPECT_NEAR(dead, onWeb / 4, 60);
+}
+
 TEST(SimulatorGenerator, IsDeterministicAndRealistic) {
   auto a = generateBookmarks("alice", 3000);
   auto b = generateBookmarks("alice", 3000);
