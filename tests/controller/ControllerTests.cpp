@@ -18,6 +18,7 @@
 #include "model/ZBTarrowSearch.h"
 #include "pinboard-sim/Simulator.h"
 #include "platform/pinboardkit/ZBHTTPTransport.h"
+#include "platform/webkit/ZBWebKit.h"
 #include "platform/foundation/ZBClock.h"
 #include "platform/foundation/ZBErrorRecoveryAttempter.h"
 #include "platform/objectstore/NSFetchRequest.h"
@@ -101,6 +102,13 @@ protected:
                             &ZBPinboardAllPostsIntervalDefaultKey, &ZBPinboardFeedIntervalDefaultKey})
       defaults->setObject(Value(0.0), *key);
     defaults->setObject(Value(20.0), ZBPinboardRequestTimeoutDefaultKey);
+    // Dead-link checks never leave the machine: the test hosts lead to a
+    // port where nothing listens.
+    Array overrides;
+    for (const char* host : {"example.com", "example.org"})
+      for (int port : {80, 443}) overrides.push_back(Value(std::string(host) + ":" + std::to_string(port) + ":127.0.0.1"));
+    defaults->setObject(Value(overrides), ZBWebLinkCheckResolveOverridesDefaultKey);
+    defaults->setObject(Value(0.1), ZBWebLinkCheckRecheckDelayDefaultKey);
     controller = ZBTarrowDataController::create(defaults, transport);
   }
 
@@ -678,4 +686,40 @@ TEST_F(ControllerTest, DerivedKeysFollowWhatTheyDependOn) {
   EXPECT_TRUE(out.success);
   ASSERT_EQ(during.calls, 1);
   EXPECT_EQ(during.error->code(), -100);
+}
+
+TEST_F(ControllerTest, AFailedDeadLinkCheckLeavesItsDateSoTheNextRefreshTriesAgain) {
+  // Six hosts, every one refusing: the network looks unreachable.
+  Array overrides = defaults->arrayForKey(ZBWebLinkCheckResolveOverridesDefaultKey);
+  for (int i = 0; i < 6; ++i) {
+    const std::string host = "h" + std::to_string(i) + ".test";
+    ASSERT_TRUE(sim.addBookmark("alice", bookmark("https://" + host + "/", host)));
+    overrides.push_back(Value(host + ":443:127.0.0.1"));
+  }
+  defaults->setObject(Value(overrides), ZBWebLinkCheckResolveOverridesDefaultKey);
+  ASSERT_TRUE(signIn());
+  controller->setShouldCheckDeadLinks(true);
+  auto standard = NSUserDefaults::standardUserDefaults();
+  const auto before = standard->dateForKey(ZBTarrowDataControllerLastDeadLinkCheckTimestampDefaultKey);
+  for (int run = 0; run < 2; ++run) {  // the automatic check comes again after the next refresh
+    Outcome refreshed;
+    controller->refresh(refreshed.handler());
+    await(refreshed);
+    ASSERT_TRUE(refreshed.success);
+    EXPECT_TRUE(controller->isCheckingDeadLinks()) << run;
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !controller->isCheckingDeadLinks(); }));
+    EXPECT_EQ(standard->dateForKey(ZBTarrowDataControllerLastDeadLinkCheckTimestampDefaultKey), before);
+  }
+  Outcome checked;
+  controller->checkDeadLinks(checked.handler());
+  await(checked);
+  EXPECT_FALSE(checked.success);
+  ASSERT_TRUE(checked.error);
+  EXPECT_EQ(checked.error->domain(), ZBWebKitErrorDomain);
+  EXPECT_EQ(checked.error->code(), ZBWebKitNetworkUnreachableError);
+  EXPECT_EQ(standard->dateForKey(ZBTarrowDataControllerLastDeadLinkCheckTimestampDefaultKey), before);
+  auto main = controller->mainManagedObjectContext();
+  auto request = NSFetchRequest::fetchRequestWithEntityName(ZBTarrowPinboardPostEntityName);
+  request->setPredicate(NSPredicate::predicateWithFormat("dead == YES"));
+  EXPECT_EQ(main->countForFetchRequest(*request), 0);
 }
