@@ -723,3 +723,45 @@ TEST_F(ControllerTest, AFailedDeadLinkCheckLeavesItsDateSoTheNextRefreshTriesAga
   request->setPredicate(NSPredicate::predicateWithFormat("dead == YES"));
   EXPECT_EQ(main->countForFetchRequest(*request), 0);
 }
+
+TEST_F(ControllerTest, RequestsForTheInterfaceReportTheServicesFailures) {
+  ASSERT_TRUE(signIn());
+  sim.addFault(*pinboard_sim::Fault::parse("/json/*:status=500"));
+  sim.addFault(*pinboard_sim::Fault::parse("/v1/posts/suggest:status=500"));
+  sim.addFault(*pinboard_sim::Fault::parse("/v1/posts/add:status=500"));
+  auto main = controller->mainManagedObjectContext();
+  auto search = main->insertNewObject<ZBTarrowSearch>(ZBTarrowSearchEntityName);
+  ASSERT_TRUE(search->updateWithDictionaryRepresentation(Dictionary{{ZBTarrowSearchUsernameKey, Value("alice")}}));
+  int calls = 0;
+  controller->retrievePostsForSearch(search, [&](auto posts, NSErrorPtr error) {
+    ++calls;
+    EXPECT_FALSE(posts);
+    EXPECT_TRUE(error);
+  });
+  controller->retrieveSuggestedTagsForURL("https://example.com/", [&](auto tags, NSErrorPtr error) {
+    ++calls;
+    EXPECT_FALSE(tags);
+    EXPECT_TRUE(error);
+  });
+  auto post = main->insertNewObject<ZBTarrowPinboardPost>(ZBTarrowPinboardPostEntityName);
+  post->setUrl(std::string("https://example.com/new"));
+  post->setTitle(std::string("New"));
+  post->setDirty(true);
+  ASSERT_TRUE(main->save());
+  Outcome created;
+  controller->sendPostCreation(post, created.handler());
+  ASSERT_TRUE(RunMainLoopUntil([&] { return calls == 2 && created.calls == 1; }));
+  EXPECT_FALSE(created.success);
+  EXPECT_EQ(created.error->domain(), ZBPinboardKitErrorDomain);
+  EXPECT_TRUE(post->dirty());  // still waiting to be sent
+
+  // A creation cancelled (by a logout) calls nothing.
+  sim.clearFaults();
+  sim.addFault(*pinboard_sim::Fault::parse("/v1/posts/add:delay=0.5"));
+  Outcome cancelled;
+  controller->sendPostCreation(post, cancelled.handler());
+  controller->logout(nullptr);
+  ASSERT_TRUE(RunMainLoopUntil([&] { return controller->operationQueue()->operationCount() == 0; }));
+  ASSERT_TRUE(DrainMainLoop());
+  EXPECT_EQ(cancelled.calls, 0);
+}
