@@ -1,0 +1,43 @@
+#include "TarrowApplication.h"
+
+#include <iostream>
+
+#include "TarrowCommands.h"
+#include "TarrowErrors.h"
+
+TarrowApplication::TarrowApplication()
+    : _app("tarrow: your Pinboard bookmarks, kept locally and in step with the service") {
+  _app.require_subcommand(1);
+  _app.fallthrough();
+  _settings.addOptions(_app);
+  for (auto& command : TarrowMakeCommands()) addCommand(std::move(command));
+}
+
+void TarrowApplication::addCommand(std::unique_ptr<TarrowCommand> command) {
+  CLI::App* subcommand = command->install(_app);
+  _commands.emplace_back(subcommand, std::move(command));
+}
+
+int TarrowApplication::run(int argc, char** argv) {
+  try {
+    _app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    // --help and --version exit 0; every other parse error is a usage error.
+    int status = _app.exit(error);
+    return status == 0 ? 0 : 2;
+  }
+  _settings.apply();
+  for (auto& [subcommand, command] : _commands) {
+    if (!subcommand->parsed()) continue;
+    NSErrorPtr error;
+    {
+      TarrowSession session(_interrupt, std::cout, std::cerr);
+      error = command->run(session);
+    }
+    std::cout.flush();
+    if (!error) return 0;
+    TarrowPrintError(std::cerr, *error);
+    return error->domain() == TarrowErrorDomain && error->code() == TarrowInterruptedError ? 130 : 1;
+  }
+  return 2;
+}
