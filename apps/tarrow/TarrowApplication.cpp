@@ -1,5 +1,6 @@
 #include "TarrowApplication.h"
 
+#include <cstdlib>
 #include <iostream>
 
 #include "TarrowCommands.h"
@@ -32,12 +33,20 @@ int TarrowApplication::run(int argc, char** argv) {
     NSErrorPtr error;
     {
       TarrowSession session(_interrupt, std::cout, std::cerr);
+      // Work that does not wait on a job (a listing) runs to its end even
+      // when interrupted meanwhile: it has nothing to cancel.
       error = command->run(session);
     }
     std::cout.flush();
     if (!error) return 0;
     TarrowPrintError(std::cerr, *error);
-    return error->domain() == TarrowErrorDomain && error->code() == TarrowInterruptedError ? 130 : 1;
+    if (error->domain() == TarrowErrorDomain && error->code() == TarrowInterruptedError) {
+      // A cancelled request may still be winding down on another thread; it
+      // writes nothing, and the process ends without waiting for it.
+      std::cerr.flush();
+      std::_Exit(130);
+    }
+    return 1;
   }
   return 2;
 }

@@ -56,6 +56,7 @@ public:
     if (!_where.empty()) {
       auto predicate = TarrowParsePredicate(_where, &error);
       if (!predicate) return error;
+      if (NSErrorPtr unknown = TarrowCheckPostKeys(*predicate, store.context())) return unknown;
       // A predicate the store cannot run is refused before it is kept.
       auto concrete = NSCompoundPredicate::andPredicateWithSubpredicates(
           {TarrowStore::notDeleting(), TarrowConcretePredicate(predicate, store.context())});

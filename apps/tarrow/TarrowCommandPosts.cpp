@@ -80,6 +80,10 @@ private:
     if (!_where.empty()) {
       auto typed = TarrowParsePredicate(_where, error);
       if (!typed) return nullptr;
+      if (NSErrorPtr unknown = TarrowCheckPostKeys(*typed, store.context())) {
+        ZBSetError(error, unknown);
+        return nullptr;
+      }
       parts.push_back(TarrowConcretePredicate(typed, store.context()));
     }
     return NSCompoundPredicate::andPredicateWithSubpredicates(std::move(parts));

@@ -1,11 +1,11 @@
 #pragma once
 // TarrowInterrupt: Ctrl-C (SIGINT) and SIGTERM, taken by a thread of their
 // own instead of a signal handler, so that what they trigger may lock and
-// allocate. The first signal only raises a flag, which the main run loop's
-// waits look at: the job in progress is cancelled and wound down. A second
-// signal, or the first one while no job is being waited for, ends the process
-// at once with status 130 after calling the restore hook (a prompt puts the
-// terminal's echo back there).
+// allocate. While a session asks for it (waiting on), the first signal only
+// raises a flag, which the main run loop's waits look at: the job in progress
+// is cancelled and wound down. A second signal, or the first one while
+// waiting is off (a prompt reading), ends the process at once with status 130
+// after calling the restore hook (the prompt puts the terminal's echo back).
 //
 // Lifetime: one instance, made first thing in main (the signals are blocked
 // in every thread started after it). Thread-safety: every method may be

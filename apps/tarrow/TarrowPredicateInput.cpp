@@ -3,6 +3,11 @@
 #include "TarrowErrors.h"
 #include "TarrowText.h"
 #include "model/ZBTarrowCollection.h"
+#include "model/ZBTarrowPinboardPost.h"
+#include "platform/objectstore/NSEntityDescription.h"
+#include "platform/objectstore/NSManagedObjectModel.h"
+#include "platform/objectstore/NSPersistentStoreCoordinator.h"
+#include "platform/predicate/NSComparisonPredicate.h"
 #include "platform/predicate/ZBPredicateError.h"
 
 namespace {
@@ -48,4 +53,27 @@ NSPredicatePtr TarrowConcretePredicate(const NSPredicatePtr& predicate, const NS
   auto collection = scratch->insertNewObject<ZBTarrowCollection>(ZBTarrowCollectionEntityName);
   collection->setPredicate(predicate);
   return collection->displayPredicate();
+}
+
+NSErrorPtr TarrowCheckPostKeys(const NSPredicate& predicate, const NSManagedObjectContextPtr& context) {
+  auto coordinator = context->persistentStoreCoordinator();
+  auto entity = coordinator ? coordinator->managedObjectModel()->entityNamed(ZBTarrowPinboardPostEntityName) : nullptr;
+  if (!entity) return nullptr;
+  std::string unknown;
+  predicate.visitPredicateTree([&](const NSPredicate& node, bool& stop) {
+    auto* comparison = dynamic_cast<const NSComparisonPredicate*>(&node);
+    if (!comparison) return;
+    for (const auto* side : {&comparison->leftExpression(), &comparison->rightExpression()}) {
+      if (!*side || (*side)->expressionType() != NSExpressionType::KeyPath) continue;
+      std::string key = (*side)->keyPath().substr(0, (*side)->keyPath().find('.'));
+      if (key == ZBTarrowCollectionPostRelativeDateKey || key == "SELF" || entity->propertyNamed(key)) continue;
+      unknown = key;
+      stop = true;
+      return;
+    }
+  });
+  if (unknown.empty()) return nullptr;
+  return TarrowMakeError(TarrowInvalidInputError, TarrowLocalized("Bookmarks have no “%@”", {unknown}),
+                         TarrowLocalized("Use url, title, desc, tags, date, relative_date, unread, shared, starred, "
+                                         "dead, source or others."));
 }

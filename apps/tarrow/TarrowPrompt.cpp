@@ -17,8 +17,11 @@ std::optional<std::string> TarrowPromptSecret(const std::string& prompt, std::os
     tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
   }
   if (terminal) err << prompt << std::flush;
+  // Reading blocks: an interrupt now has to end the process.
+  interrupt.setWaiting(false);
   std::string line;
   bool read = static_cast<bool>(std::getline(std::cin, line));
+  interrupt.setWaiting(true);
   if (echoOff) {
     tcsetattr(STDIN_FILENO, TCSANOW, &saved);
     interrupt.setRestoreHook(nullptr);

@@ -9,9 +9,11 @@
 
 namespace {
 
-// Bound of the wait for cancelled jobs: they stop at their next phase, so
-// this only guards against a hang.
+// Bounds of the wait for cancelled jobs. They stop at their next phase, but a
+// request already in flight may take until its time-out; a cancelled job
+// saves nothing more, so after an interrupt the process need not wait for it.
 constexpr double kWindDownSeconds = 120;
+constexpr double kInterruptedWindDownSeconds = 5;
 
 }  // namespace
 
@@ -25,31 +27,43 @@ ZBTarrowDataController::CompletionHandler TarrowSession::Outcome::handler() {
 
 TarrowSession::TarrowSession(TarrowInterrupt& interrupt, std::ostream& out, std::ostream& err)
     : _interrupt(interrupt), _out(out), _err(err),
-      _controller(ZBTarrowDataController::create(NSUserDefaults::standardUserDefaults())) {}
+      _controller(ZBTarrowDataController::create(NSUserDefaults::standardUserDefaults())) {
+  // From here on an interrupt is a request to wind down: a job may start
+  // before the main loop is turned for it.
+  _interrupt.setWaiting(true);
+}
 
 TarrowSession::~TarrowSession() {
-  _windDown();
+  _interrupt.setWaiting(false);
+  // After an interrupt the jobs were cancelled and given their time already.
+  const bool interrupted = _interrupt.interrupted();
+  if (!interrupted) _windDown();
   _controller.reset();
-  NSRunLoop::mainRunLoop()->runUntil([] { return NSOperationQueue::mainQueue()->operationCount() == 0; },
-                                     kWindDownSeconds);
+  if (!interrupted)
+    NSRunLoop::mainRunLoop()->runUntil([] { return NSOperationQueue::mainQueue()->operationCount() == 0; },
+                                       kWindDownSeconds);
   NSUserDefaults::standardUserDefaults()->synchronize();
 }
 
 void TarrowSession::_windDown() {
   auto queue = _controller->operationQueue();
   queue->cancelAllOperations();
-  NSRunLoop::mainRunLoop()->runUntil([&] { return queue->operationCount() == 0; }, kWindDownSeconds);
+  NSRunLoop::mainRunLoop()->runUntil([&] { return queue->operationCount() == 0; },
+                                     _interrupt.interrupted() ? kInterruptedWindDownSeconds : kWindDownSeconds);
 }
 
 NSErrorPtr TarrowSession::waitUntil(const std::function<bool()>& done, bool showProgress) {
   std::optional<TarrowProgress> progress;
   if (showProgress) progress.emplace(*this);
-  _interrupt.setWaiting(true);
   NSRunLoop::mainRunLoop()->runUntil([&] { return done() || _interrupt.interrupted(); });
-  _interrupt.setWaiting(false);
   if (!_interrupt.interrupted()) return nullptr;
   _windDown();
   if (progress) progress->finish();
+  return interruption();
+}
+
+NSErrorPtr TarrowSession::interruption() const {
+  if (!_interrupt.interrupted()) return nullptr;
   return TarrowMakeError(TarrowInterruptedError, TarrowLocalized("Interrupted"),
                          TarrowLocalized("The job was cancelled; nothing was half-saved."));
 }

@@ -6,7 +6,8 @@
 // down, so nothing is left half-written and the next run starts clean.
 //
 // Lifetime: one per run, on the main thread; destroying it cancels what still
-// runs, waits for it, and writes the user defaults. Use only on the main
+// runs, waits for it, and writes the user defaults. While it lives, an
+// interrupt asks for a clean wind-down instead of ending the process. Use only on the main
 // thread.
 
 #include <functional>
@@ -44,6 +45,8 @@ public:
   NSErrorPtr waitUntil(const std::function<bool()>& done, bool showProgress = false);
   // The same for a job whose handler fills outcome: its error when it failed.
   NSErrorPtr wait(const Outcome& outcome, bool showProgress = false);
+  // TarrowInterruptedError once the user interrupted this run, else null.
+  NSErrorPtr interruption() const;
 
 private:
   void _windDown();
