@@ -52,5 +52,8 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/ZBTarrowDataConfigVersion.c
 install(FILES ${CMAKE_BINARY_DIR}/ZBTarrowDataConfig.cmake ${CMAKE_BINARY_DIR}/ZBTarrowDataConfigVersion.cmake
         DESTINATION ${ZB_INSTALL_CMAKEDIR})
 
+# Relocatable: the prefix is found from the .pc file's own place, so an
+# install with `cmake --install --prefix` elsewhere works too.
+file(RELATIVE_PATH ZB_PC_TO_PREFIX ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_SOURCE_DIR}/cmake/zbtarrowdata.pc.in ${CMAKE_BINARY_DIR}/zbtarrowdata.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/zbtarrowdata.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
