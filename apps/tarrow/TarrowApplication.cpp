@@ -38,15 +38,17 @@ int TarrowApplication::run(int argc, char** argv) {
       error = command->run(session);
     }
     std::cout.flush();
-    if (!error) return 0;
-    TarrowPrintError(std::cerr, *error);
-    if (error->domain() == TarrowErrorDomain && error->code() == TarrowInterruptedError) {
+    if (error) TarrowPrintError(std::cerr, *error);
+    const int status = !error ? 0
+                       : error->domain() == TarrowErrorDomain && error->code() == TarrowInterruptedError ? 130
+                                                                                                          : 1;
+    if (_interrupt.interrupted()) {
       // A cancelled request may still be winding down on another thread; it
       // writes nothing, and the process ends without waiting for it.
       std::cerr.flush();
-      std::_Exit(130);
+      std::_Exit(status);
     }
-    return 1;
+    return status;
   }
   return 2;
 }

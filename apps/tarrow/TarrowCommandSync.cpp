@@ -79,7 +79,7 @@ private:
       }
     });
     controller.setRefreshInterval(interval);
-    NSErrorPtr stopped = session.waitUntil([] { return false; }, true);
+    session.waitUntil([] { return false; }, true);
     controller.setRefreshInterval(0);
     controller.setAutoRefreshCompletion(nullptr);
     // Interrupting is how --every ends; the jobs were cancelled cleanly.
