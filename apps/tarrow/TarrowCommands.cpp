@@ -1,0 +1,13 @@
+#include "TarrowCommands.h"
+
+std::vector<std::unique_ptr<TarrowCommand>> TarrowMakeCommands() {
+  std::vector<std::unique_ptr<TarrowCommand>> commands;
+  for (auto* make : {&TarrowMakeLoginCommand, &TarrowMakeLogoutCommand, &TarrowMakeStatusCommand,
+                     &TarrowMakeSyncCommand, &TarrowMakePostsCommand, &TarrowMakeCollectionsCommand,
+                     &TarrowMakeSearchesCommand, &TarrowMakeTagsCommand, &TarrowMakeAddCommand,
+                     &TarrowMakeEditCommand, &TarrowMakeDeleteCommand, &TarrowMakeTagCommand,
+                     &TarrowMakeCollectionCommand, &TarrowMakeFeedCommand, &TarrowMakeSuggestCommand,
+                     &TarrowMakeBackupCommand, &TarrowMakeRestoreCommand})
+    commands.push_back(make());
+  return commands;
+}
