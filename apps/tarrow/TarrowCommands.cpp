@@ -7,7 +7,8 @@ std::vector<std::unique_ptr<TarrowCommand>> TarrowMakeCommands() {
                      &TarrowMakeSearchesCommand, &TarrowMakeTagsCommand, &TarrowMakeAddCommand,
                      &TarrowMakeEditCommand, &TarrowMakeDeleteCommand, &TarrowMakeTagCommand,
                      &TarrowMakeCollectionCommand, &TarrowMakeFeedCommand, &TarrowMakeSuggestCommand,
-                     &TarrowMakeBackupCommand, &TarrowMakeRestoreCommand})
+                     &TarrowMakeCheckLinksCommand, &TarrowMakeImportCommand, &TarrowMakeBackupCommand,
+                     &TarrowMakeRestoreCommand})
     commands.push_back(make());
   return commands;
 }

@@ -25,5 +25,7 @@ std::unique_ptr<TarrowCommand> TarrowMakeFeedCommand();
 std::unique_ptr<TarrowCommand> TarrowMakeSuggestCommand();
 std::unique_ptr<TarrowCommand> TarrowMakeBackupCommand();
 std::unique_ptr<TarrowCommand> TarrowMakeRestoreCommand();
+std::unique_ptr<TarrowCommand> TarrowMakeCheckLinksCommand();
+std::unique_ptr<TarrowCommand> TarrowMakeImportCommand();
 
 std::vector<std::unique_ptr<TarrowCommand>> TarrowMakeCommands();
