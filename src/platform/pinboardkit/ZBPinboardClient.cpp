@@ -293,7 +293,13 @@ bool ZBPinboardClient::logout(NSErrorPtr* error) {
 
 ZBPinboardClient::Operation ZBPinboardClient::_request(std::string method,
                                                        std::function<void(const OperationPointer&)> body) {
-  return ZBPinboardRequestOperation::create(std::move(method), std::move(body));
+  auto operation = ZBPinboardRequestOperation::create(std::move(method), std::move(body));
+  // A request made before a sign-out or a change of account but started after
+  // it must not go out under the new one.
+  auto credentials = this->credentials();
+  if (credentials) operation->_madeFor = credentials->apiToken();
+  operation->_session = _logouts.load();
+  return operation;
 }
 
 ZBPinboardClient::Then ZBPinboardClient::_completing(const OperationPointer& operation, Read read) {
@@ -509,8 +515,8 @@ void ZBPinboardClient::_api(const OperationPointer& operation, const std::string
   call->method = method;
   call->url = s.apiBase + method + query(params);
   call->requestClass = method;
-  call->signedInAs = credentials->apiToken();
-  call->session = _logouts.load();
+  call->signedInAs = operation->_madeFor.empty() ? credentials->apiToken() : operation->_madeFor;
+  call->session = operation->_session;
   call->addsToken = true;
   call->streamsPosts = streamsPosts;
   call->username = credentials->username();
@@ -899,8 +905,8 @@ ZBPinboardClient::Operation ZBPinboardClient::_feed(std::string name, std::strin
     if (!credentials)
       return op->_complete(Value(), ZBPinboardMakeError(ZBPinboardKitNotAuthenticatedError, method));
     // The secret feed leaves only under the credentials its key belongs to.
-    call->signedInAs = credentials->apiToken();
-    call->session = self->_logouts.load();
+    call->signedInAs = op->_madeFor.empty() ? credentials->apiToken() : op->_madeFor;
+    call->session = op->_session;
     self->_rssKey(op, *credentials,
                   [self, op, call, rest, then, username = credentials->username(), s](Reply& reply) mutable {
                     if (reply.error) return op->_complete(Value(), reply.error);

@@ -200,7 +200,7 @@ private:
   }
   Settings _settings() const;
   std::filesystem::path _credentialsPath() const;
-  static Operation _request(std::string method, std::function<void(const OperationPointer&)> body);
+  Operation _request(std::string method, std::function<void(const OperationPointer&)> body);
   // A Then that completes operation with read's outcome, or the reply's error.
   static Then _completing(const OperationPointer& operation, Read read);
   // Runs a step of a request on one of the client's threads, where an

@@ -14,6 +14,7 @@
 // thread.
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -57,6 +58,10 @@ private:
   bool _setCanceller(std::function<void()> canceller);
 
   const std::string _method;
+  // Whom the request was made for: the token signed in and the client's logout
+  // count when it was created. It never leaves for anyone else.
+  std::string _madeFor;
+  std::uint64_t _session = 0;
   std::atomic<bool> _completed{false};
   mutable ZBMutex _mutex;
   Body _body ZB_GUARDED_BY(_mutex);  // released once run
