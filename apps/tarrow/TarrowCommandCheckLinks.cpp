@@ -31,14 +31,16 @@ public:
     const bool terminal = isatty(STDERR_FILENO) == 1;
     // The count changes on the check's thread; it is shown from the main one.
     std::atomic<bool> pending{false};
-    std::size_t shownPercent = 0;
+    std::size_t shownPercent = 0, shownChecked = 0;
     auto show = [&](bool last) {
       auto checker = std::dynamic_pointer_cast<ZBTarrowLinkCheckerOperation>(operation);
       if (!checker || checker->totalCount() == 0) return;
       const std::size_t checked = checker->checkedCount(), total = checker->totalCount();
       const std::size_t percent = checked * 100 / total;
       if (!terminal && !last && percent / 10 == shownPercent / 10) return;  // a line per tenth in logs
+      if (!terminal && last && checked == shownChecked) return;             // said already
       shownPercent = percent;
+      shownChecked = checked;
       session.err() << (terminal ? "\r\033[K" : "")
                     << TarrowLocalized("Checked %@ of %@ addresses", {std::to_string(checked), std::to_string(total)})
                     << (terminal && !last ? "" : "\n") << std::flush;

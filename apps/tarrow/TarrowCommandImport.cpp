@@ -7,6 +7,8 @@
 
 #include <functional>
 
+#include <nlohmann/json.hpp>
+
 #include "TarrowCommands.h"
 #include "TarrowErrors.h"
 #include "TarrowStore.h"
@@ -30,6 +32,15 @@ std::string folderTag(const std::string& name) {
   std::string tag;
   for (char c : name) tag += (c == ',' || std::isspace(static_cast<unsigned char>(c))) ? '_' : c;
   return tag;
+}
+
+// A description as stored: the file's layout around it (line breaks, indent) is
+// not part of the note.
+std::string trimmedNote(const std::string& text) {
+  const char* space = " \t\r\n\f\v";
+  const std::size_t first = text.find_first_not_of(space);
+  if (first == std::string::npos) return {};
+  return text.substr(first, text.find_last_not_of(space) - first + 1);
 }
 
 class TarrowCommandImport final : public TarrowCommand {
@@ -160,7 +171,8 @@ private:
       Dictionary values{{ZBTarrowPinboardPostURLKey, Value(url)},
                         {ZBTarrowPinboardPostTitleKey, Value(entry.title().value_or(url))},
                         {ZBTarrowPinboardPostTagsKey, Value(std::move(tags))}};
-      if (entry.desc()) values.set(ZBTarrowPinboardPostDescKey, Value(*entry.desc()));
+      if (entry.desc() && !trimmedNote(*entry.desc()).empty())
+        values.set(ZBTarrowPinboardPostDescKey, Value(trimmedNote(*entry.desc())));
       if (session.controller()->isAuthenticated())
         values.set(ZBTarrowPinboardPostUsernameKey, Value(session.controller()->username()));
       auto post = store.context()->insertNewObject<ZBTarrowPinboardPost>(ZBTarrowPinboardPostEntityName);

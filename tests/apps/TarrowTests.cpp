@@ -13,6 +13,7 @@
 
 #include "apps/TarrowProcess.h"
 #include "pinboard-sim/Simulator.h"
+#include "pinboard-sim/WebSide.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -349,4 +350,76 @@ TEST_F(TarrowCliTest, CollectionsKeepRelativeDatesAndSurviveABackup) {
   TarrowResult restored = tarrow({"restore", backup});
   ASSERT_EQ(restored.status, 0) << restored.err;
   EXPECT_EQ(find("Fresh unread"), fresh);
+}
+
+TEST_F(TarrowCliTest, CheckLinksStoresVerdictsOnlyForLinksThatAreReallyGone) {
+  pinboard_sim::WebSide web;
+  ASSERT_TRUE(web.start());
+  // An account whose every link is on the local web side.
+  const std::string carol = sim.addAccount({.username = "carol"});
+  const std::string base = web.baseURL();
+  const std::set<std::string> dead{base + "/status/404/gone", base + "/status/410/removed"};
+  for (const std::string& url : {base + "/status/200/fine", base + "/status/403/members", base + "/redirect/3/moved",
+                                 base + "/head/405/200", *dead.begin(), *dead.rbegin()})
+    ASSERT_TRUE(sim.addBookmark("carol", bookmark(url, "t", {}, true, false)));
+  ASSERT_EQ(tarrow({"login", "--token", carol}).status, 0);
+  ASSERT_EQ(tarrow({"sync"}).status, 0);
+
+  TarrowResult check = tarrow({"check-links", "--json"});
+  ASSERT_EQ(check.status, 0) << check.err;
+  EXPECT_EQ(urls(nlohmann::json::parse(check.out, nullptr, false)), dead) << check.out;
+  // One progress line per tenth, the last said once.
+  const std::string last = "Checked 6 of 6 addresses\n";
+  EXPECT_EQ(check.err.find(last), check.err.size() - last.size()) << check.err;
+  EXPECT_EQ(check.err.find(last), check.err.rfind(last)) << check.err;
+  EXPECT_EQ(urls(json({"posts", "--where", "dead == YES"})), dead) << "the verdicts are stored";
+}
+
+TEST_F(TarrowCliTest, ImportAccountsForEveryLinkAndAddsOnlyWhatIsNew) {
+  ASSERT_NO_FATAL_FAILURE(signInAndSync());
+  const std::string file = (dir / "bookmarks.html").string();
+  std::ofstream(file) << R"(<!DOCTYPE NETSCAPE-Bookmark-file-1>
+<META HTTP-EQUIV="Content-Type" CONTENT="text/html; charset=UTF-8">
+<TITLE>Bookmarks</TITLE><H1>Bookmarks</H1>
+<DL><p>
+  <DT><H3>Reading list</H3>
+  <DD>Later
+  <DL><p>
+    <DT><A HREF="https://example.net/essay">An essay</A>
+    <DD>Worth it, see <A HREF="https://example.net/cited">this</A>
+    <DT><A HREF="https://example.net/caf%C3%A9">Café</A>
+  </DL><p>
+  <DT><A HREF="https://example.com/a">Already here</A>
+  <DT><A>No address</A>
+</DL><p>
+)";
+  TarrowResult shown = tarrow({"import", file});
+  ASSERT_EQ(shown.status, 0) << shown.err;
+  EXPECT_NE(shown.err.find("4 links in the file, 3 bookmarks read."), std::string::npos) << shown.err;
+  EXPECT_NE(shown.err.find("https://example.net/cited"), std::string::npos) << "the link in a note is named";
+  nlohmann::json tree = json({"import", file});
+  ASSERT_EQ(tree["items"].size(), 2u) << tree.dump();
+  EXPECT_EQ(tree["items"][0]["title"], "Reading list");
+  EXPECT_EQ(tree["items"][0]["desc"], "Later\n  ") << "a description is kept as the file has it";
+  EXPECT_EQ(tree["items"][0]["items"].size(), 2u);
+
+  TarrowResult applied = tarrow({"import", "--apply", file});
+  ASSERT_EQ(applied.status, 0) << applied.err;
+  EXPECT_NE(applied.out.find("Added 2 bookmarks, skipped 1"), std::string::npos) << applied.out;
+  ASSERT_EQ(tarrow({"sync"}).status, 0);
+  auto essay = sim.bookmark("alice", "https://example.net/essay");
+  ASSERT_TRUE(essay);
+  EXPECT_EQ(essay->title, "An essay");
+  EXPECT_EQ(essay->extended, "Worth it, see") << "stored without the file's layout";
+  EXPECT_EQ(essay->tags, std::vector<std::string>{"Reading_list"}) << "a folder's name is one tag";
+  EXPECT_EQ(sim.bookmark("alice", kA)->title, "Quokka notes") << "a stored bookmark is left alone";
+  EXPECT_EQ(json({"status"})["posts"], kGenerated + 4);
+
+  std::ofstream(dir / "empty.html") << "";
+  for (const std::string& bad : {(dir / "missing.html").string(), (dir / "empty.html").string()}) {
+    TarrowResult refused = tarrow({"import", "--apply", bad});
+    EXPECT_EQ(refused.status, 1) << bad;
+    EXPECT_FALSE(refused.err.empty()) << bad;
+  }
+  EXPECT_EQ(json({"status"})["posts"], kGenerated + 4) << "a refused file adds nothing";
 }
