@@ -37,10 +37,13 @@ public:
                         "Keep syncing at this interval (90, 90s, 15m, 2h, 1d), checking dead links now and then, "
                         "until interrupted");
     every->excludes("--local-only");
+    command->add_flag("--wait", _wait,
+                      "When another process is syncing this data directory, wait for it instead of giving up");
     return command;
   }
 
   NSErrorPtr run(TarrowSession& session) override {
+    session.controller()->setRefreshWaitsForOtherProcesses(_wait);
     if (_every.empty()) return _syncOnce(session);
     auto interval = parseDuration(_every);
     if (!interval)
@@ -101,6 +104,7 @@ private:
   }
 
   bool _localOnly = false;
+  bool _wait = false;
   std::string _every;
 };
 

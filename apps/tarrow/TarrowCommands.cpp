@@ -8,7 +8,7 @@ std::vector<std::unique_ptr<TarrowCommand>> TarrowMakeCommands() {
                      &TarrowMakeEditCommand, &TarrowMakeDeleteCommand, &TarrowMakeTagCommand,
                      &TarrowMakeCollectionCommand, &TarrowMakeFeedCommand, &TarrowMakeSuggestCommand,
                      &TarrowMakeCheckLinksCommand, &TarrowMakeImportCommand, &TarrowMakeBackupCommand,
-                     &TarrowMakeRestoreCommand})
+                     &TarrowMakeRestoreCommand, &TarrowMakeConfigCommand})
     commands.push_back(make());
   return commands;
 }

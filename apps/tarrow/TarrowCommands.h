@@ -27,5 +27,6 @@ std::unique_ptr<TarrowCommand> TarrowMakeBackupCommand();
 std::unique_ptr<TarrowCommand> TarrowMakeRestoreCommand();
 std::unique_ptr<TarrowCommand> TarrowMakeCheckLinksCommand();
 std::unique_ptr<TarrowCommand> TarrowMakeImportCommand();
+std::unique_ptr<TarrowCommand> TarrowMakeConfigCommand();
 
 std::vector<std::unique_ptr<TarrowCommand>> TarrowMakeCommands();

@@ -418,6 +418,7 @@ std::shared_ptr<NSOperation> ZBTarrowDataController::_refreshLocalOnly(bool loca
   auto operation =
       ZBTarrowPinboardRefreshOperation::create(pinboardClient(), pinboardStoreCoordinator()->rootManagedObjectContext());
   operation->setRefreshLocalChangesOnly(localOnly);
+  operation->setWaitsForOtherRefresh(refreshWaitsForOtherProcesses());
   operationQueue()->addOperation(operation);
   _setRefreshOperation(operation);
 

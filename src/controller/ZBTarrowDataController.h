@@ -27,6 +27,7 @@
 // and stops the timer. Thread-safety: public calls belong on the main thread;
 // the observable getters may be read from any thread.
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -108,6 +109,11 @@ public:
   void setAutoRefreshCompletion(CompletionHandler handler);
   bool shouldCheckDeadLinks() const;
   void setShouldCheckDeadLinks(bool value);
+  // Whether a refresh that finds another process refreshing the same store
+  // waits for it (true) or fails with ZBTarrowDataRefreshElsewhereError
+  // (false, the default). Applies to refreshes started afterwards.
+  bool refreshWaitsForOtherProcesses() const { return _refreshWaits.load(); }
+  void setRefreshWaitsForOtherProcesses(bool value) { _refreshWaits.store(value); }
 
   NSManagedObjectContextPtr mainManagedObjectContext() const;
   bool isAuthenticated() const;
@@ -187,6 +193,7 @@ private:
   double _refreshInterval ZB_GUARDED_BY(_mutex) = 0;
   CompletionHandler _autoRefreshCompletion ZB_GUARDED_BY(_mutex);
   bool _shouldCheckDeadLinks ZB_GUARDED_BY(_mutex) = false;
+  std::atomic<bool> _refreshWaits{false};
 
   // Given at creation (null: the standard ones); set once, before any job.
   std::shared_ptr<NSUserDefaults> _userDefaults;

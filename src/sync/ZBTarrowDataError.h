@@ -20,6 +20,7 @@ enum : std::int64_t {
   ZBTarrowDataNotAuthenticatedError = -100,
   ZBTarrowDataSearchTooBroadError = -101,
   ZBTarrowDataBusyError = -200,
+  ZBTarrowDataRefreshElsewhereError = -201,  // another process refreshes the same store
 };
 
 // A batch error: code 0 with description, recovery suggestion and both lists,

@@ -1,14 +1,23 @@
 #include "sync/ZBTarrowPinboardRefreshOperation.h"
 
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <thread>
+
 #include "model/ZBTarrowManagedObjectExporting.h"
 #include "model/ZBTarrowPinboardPost.h"
 #include "model/ZBTarrowPinboardTag.h"
 #include "platform/foundation/NSUserDefaults.h"
 #include "platform/foundation/ZBLocalizedString.h"
 #include "platform/objectstore/NSFetchRequest.h"
+#include "platform/objectstore/NSPersistentStore.h"
+#include "platform/objectstore/NSPersistentStoreCoordinator.h"
 #include "platform/operations/NSBlockOperation.h"
 #include "platform/predicate/NSPredicate.h"
 #include "store/NSManagedObjectContext+ZBTarrowCancellableSave.h"
+#include "sync/ZBTarrowDataError.h"
 #include "sync/ZBTarrowPinboardPostUpdateOperation.h"
 #include "sync/ZBTarrowPinboardTagUpdateOperation.h"
 
@@ -54,11 +63,38 @@ std::string ZBTarrowPinboardRefreshOperation::status() const {
   return _status;
 }
 
-void ZBTarrowPinboardRefreshOperation::_setStatus(std::string status) {
+void ZBTarrowPinboardRefreshOperation::_setStatus(std::string status) { _showStatus(std::move(status), nullptr, 0); }
+
+void ZBTarrowPinboardRefreshOperation::_showStatus(std::string phaseStatus, const NSOperation* waiting,
+                                                   std::int64_t seconds) {
+  // Waits of a few seconds are the service's usual spacing: not worth a word.
+  constexpr std::int64_t kWorthTelling = 5;
+  std::string shown;
+  {
+    ZBMutexLock lock(_statusMutex);
+    if (!phaseStatus.empty()) _phaseStatus = std::move(phaseStatus);
+    if (waiting) {
+      if (seconds > 0)
+        _waits[waiting] = seconds;
+      else
+        _waits.erase(waiting);
+    }
+    std::int64_t longest = 0;
+    for (const auto& [operation, left] : _waits) longest = std::max(longest, left);
+    shown = _phaseStatus;
+    if (longest >= kWorthTelling) {
+      char left[32];
+      std::snprintf(left, sizeof left, "%lld:%02lld", static_cast<long long>(longest / 60),
+                    static_cast<long long>(longest % 60));
+      shown = ZBLocalizedString("Waiting for Pinboard’s rate limit… %@");
+      shown.replace(shown.find("%@"), 2, left);
+    }
+    if (shown == _status) return;
+  }
   willChangeValueForKey(ZBTarrowPinboardRefreshOperationStatusKey);
   {
     ZBMutexLock lock(_statusMutex);
-    _status = std::move(status);
+    _status = std::move(shown);
   }
   didChangeValueForKey(ZBTarrowPinboardRefreshOperationStatusKey);
 }
@@ -109,17 +145,71 @@ void ZBTarrowPinboardRefreshOperation::setupOperations(const ZBAddWorkOperation&
                                     for (const auto& operation : outgoing) operation->cancel();
                                   });
   ZBAddWorkOperation tracking = [this, addWorkOperation](const std::shared_ptr<NSOperation>& operation) {
-    if (dynamic_cast<ZBPinboardRequestOperation*>(operation.get()) ||
-        dynamic_cast<ZBConcurrentOperation*>(operation.get())) {
+    auto* request = dynamic_cast<ZBPinboardRequestOperation*>(operation.get());
+    if (request || dynamic_cast<ZBConcurrentOperation*>(operation.get())) {
+      NSKeyValueObservation waits;
+      if (request)
+        waits = operation->addObserver(ZBPinboardRequestOperationSecondsUntilTurnKey, NSKeyValueObservingOptions::None,
+                                       [this, request](const std::string&, NSObject&, const NSKeyValueChange&) {
+                                         _showStatus({}, request, request->secondsUntilTurn());
+                                       });
       {
         ZBMutexLock lock(_outgoingMutex);
         _outgoing.push_back(operation);
+        if (request) _waitObservations.push_back(std::move(waits));
       }
       if (isCancelled()) operation->cancel();  // cancelled before it was tracked
     }
     addWorkOperation(operation);
   };
-  _processStaleLocalData(tracking);
+  // Released as soon as we are finished, not when the last reference goes.
+  _lockRelease = addObserver("isFinished", NSKeyValueObservingOptions::None,
+                             [this](const std::string&, NSObject&, const NSKeyValueChange&) {
+                               if (isFinished()) _refreshLock.reset();
+                             });
+  auto lock = ZBPromiseOperation::promiseOperationWithBlock(
+      [this](NSErrorPtr* error) { return _takeRefreshLock(error) ? Value(true) : Value(); });
+  tracking(lock);
+  addContinuation(tracking, {lock}, [this, tracking](const Array&) { _processStaleLocalData(tracking); });
+}
+
+bool ZBTarrowPinboardRefreshOperation::_takeRefreshLock(NSErrorPtr* error) {
+  std::filesystem::path store;
+  for (auto context = _context; context && store.empty(); context = context->parentContext()) {
+    if (auto coordinator = context->persistentStoreCoordinator()) {
+      auto stores = coordinator->persistentStores();
+      if (!stores.empty()) store = stores.front()->URL().path();
+    }
+  }
+  if (store.empty()) return true;  // nothing on disk to share
+  bool told = false;
+  for (;;) {
+    std::string holder;
+    _refreshLock = ZBTarrowRefreshLock::tryTake(store, &holder);
+    if (_refreshLock) return true;
+    if (!waitsForOtherRefresh()) {
+      if (holder.empty()) holder = ZBLocalizedString("another process");
+      std::string suggestion = ZBLocalizedString("%@ is refreshing these bookmarks now. Wait for it to finish, or try again later.");
+      suggestion.replace(suggestion.find("%@"), 2, holder);
+      if (error)
+        *error = ZBTarrowDataErrorWith(ZBTarrowDataRefreshElsewhereError,
+                                       ZBLocalizedString("Another refresh of these bookmarks is running."), suggestion);
+      return false;
+    }
+    if (!told) {
+      _setStatus(ZBLocalizedString("Waiting for another refresh to finish…"));
+      told = true;
+    }
+    // The other refresh takes seconds to minutes; a look every tenth of a
+    // second costs nothing and keeps a cancel prompt.
+    for (int i = 0; i < 10; ++i) {
+      if (isCancelled()) {
+        if (error) *error = ZBUserCancelledError();
+        return false;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
 }
 
 void ZBTarrowPinboardRefreshOperation::_processStaleLocalData(const ZBAddWorkOperation& addWorkOperation) {

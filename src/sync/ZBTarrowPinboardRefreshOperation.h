@@ -27,6 +27,20 @@
 // hash map of the local identifiers and metas, fetches and deletes in
 // batches, a tag cache instead of a lookup per tag.
 //
+// One refresh at a time per store, across processes: before phase 1 the
+// refresh takes a lock beside the store file. When another refresh holds it,
+// the refresh fails with ZBTarrowDataRefreshElsewhereError naming the other
+// process, or, with waitsForOtherRefresh, shows "Waiting for another refresh
+// to finish…" and waits (cancellable) until it ends. Edits other processes
+// save meanwhile are not lost: a post that is dirty when merged is never
+// overwritten, and a save that meets a row changed since it was read keeps
+// the stored values of what changed there (the root context's merge policy),
+// so such posts stay dirty and go out with the next refresh.
+//
+// While a request of the refresh waits five seconds or more for its turn
+// under the service's rate limits (or a back-off), the status says so with
+// the time left: "Waiting for Pinboard’s rate limit… 4:12".
+//
 // Lifetime: held by std::shared_ptr (create). managedObjectContext is a
 // private-queue or main-queue context (the coordinator's root context): the
 // refresh saves it on its own queue and reads and writes it only through child
@@ -34,6 +48,7 @@
 // work threads.
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,6 +57,7 @@
 #include "platform/objectstore/NSManagedObjectContext.h"
 #include "platform/operations/ZBConcurrentOperation.h"
 #include "platform/pinboardkit/ZBPinboardClient.h"
+#include "sync/impl/ZBTarrowRefreshLock.h"
 
 // "pinboardLastUpdateTimestamp": the service's date of the last merged change.
 extern const std::string ZBTarrowPinboardRefreshOperationLastUpdateTimestampDefaultKey;
@@ -66,6 +82,9 @@ public:
   // Set before the operation is queued.
   bool refreshLocalChangesOnly() const { return _localOnly.load(); }
   void setRefreshLocalChangesOnly(bool value) { _localOnly.store(value); }
+  // Set before the operation is queued; false by default.
+  bool waitsForOtherRefresh() const { return _waitsForOther.load(); }
+  void setWaitsForOtherRefresh(bool value) { _waitsForOther.store(value); }
 
   // The source number stored in a post (1 to 7) → the feed's source name
   // ("twitter", …), or empty for any other number.
@@ -108,11 +127,24 @@ private:
   const std::shared_ptr<ZBPinboardClient> _client;
   const NSManagedObjectContextPtr _context;
   std::atomic<bool> _localOnly{false};
+  std::atomic<bool> _waitsForOther{false};
+  // Takes the store's refresh lock (waiting for it when asked to); false
+  // with the error when another refresh has it or we were cancelled.
+  bool _takeRefreshLock(NSErrorPtr* error);
+  std::unique_ptr<ZBTarrowRefreshLock> _refreshLock;  // held from phase 1 until finished
+  NSKeyValueObservation _lockRelease;
   // Cancels the requests and pushes handed over (_outgoing) when we are
   // cancelled.
   NSKeyValueObservation _cancelForwarding;
   ZBMutex _outgoingMutex;
   std::vector<std::shared_ptr<NSOperation>> _outgoing ZB_GUARDED_BY(_outgoingMutex);
+  std::vector<NSKeyValueObservation> _waitObservations ZB_GUARDED_BY(_outgoingMutex);
   mutable ZBMutex _statusMutex;
-  std::string _status ZB_GUARDED_BY(_statusMutex);
+  std::string _status ZB_GUARDED_BY(_statusMutex);       // what is shown
+  std::string _phaseStatus ZB_GUARDED_BY(_statusMutex);  // the phase's own text
+  // The seconds each of our requests has yet to wait for its turn.
+  std::map<const NSOperation*, std::int64_t> _waits ZB_GUARDED_BY(_statusMutex);
+  // Shows the phase's text, or the longest wait of a request when it is
+  // long enough to tell of.
+  void _showStatus(std::string phaseStatus, const NSOperation* waiting, std::int64_t seconds);
 };

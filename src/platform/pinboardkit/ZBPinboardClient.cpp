@@ -11,6 +11,7 @@
 #include "platform/pinboardkit/ZBPinboardPostListReader.h"
 #include "platform/pinboardkit/ZBPinboardResponseParser.h"
 #include "platform/pinboardkit/impl/ZBPinboardErrors.h"
+#include "platform/pinboardkit/impl/ZBPinboardRateMemory.h"
 
 namespace fs = std::filesystem;
 
@@ -174,6 +175,13 @@ NSErrorPtr serviceError(const std::string& method, const std::string& resultCode
                                         {NSLocalizedRecoverySuggestionErrorKey, std::move(suggestion)}});
 }
 
+// text with its "%@" replaced by number.
+std::string withNumber(std::string text, std::int64_t number) {
+  const auto at = text.find("%@");
+  if (at != std::string::npos) text.replace(at, 2, std::to_string(number));
+  return text;
+}
+
 // A failure of the client's own threads, for the request that needed them.
 NSErrorPtr threadError(const std::string& method, NSErrorPtr underlying) {
   return ZBPinboardMakeError(ZBPinboardKitNetworkError, method, Dictionary{{NSUnderlyingErrorKey, Value(underlying)}});
@@ -193,8 +201,10 @@ ZBPinboardClient::ZBPinboardClient(Passkey, std::shared_ptr<NSUserDefaults> user
                                    std::shared_ptr<ZBHTTPTransport> transport, std::shared_ptr<ZBClock> clock)
     : _defaults(std::move(userDefaults)),
       _transport(transport ? std::move(transport) : ZBCurlTransport::create()),
-      _timers(std::make_shared<ZBPinboardTimerQueue>(std::move(clock))),
-      _limiter(std::make_shared<ZBPinboardRateLimiter>(_timers)) {}
+      _timers(std::make_shared<ZBPinboardTimerQueue>(clock)),
+      _limiter(std::make_shared<ZBPinboardRateLimiter>(
+          _timers, std::make_shared<ZBPinboardRateMemory>(_defaultsDirectory() / ZBPinboardRateLimitsFileName),
+          [clock] { return (clock ? clock->now() : NSDate::date()).timeIntervalSinceReferenceDate(); })) {}
 
 std::shared_ptr<ZBPinboardClient> ZBPinboardClient::create(std::shared_ptr<NSUserDefaults> userDefaults,
                                                            std::shared_ptr<ZBHTTPTransport> transport,
@@ -240,13 +250,16 @@ ZBPinboardClient::Settings ZBPinboardClient::_settings() const {
   return s;
 }
 
+fs::path ZBPinboardClient::_defaultsDirectory() const {
+  return (_defaults ? _defaults->path() : NSUserDefaults::standardUserDefaultsPath()).parent_path();
+}
+
 fs::path ZBPinboardClient::_credentialsPath() const {
   if (_defaults) {
     std::string configured = _defaults->stringForKey(ZBPinboardCredentialsPathDefaultKey);
     if (!configured.empty()) return configured;
-    return _defaults->path().parent_path() / "pinboard-credentials.plist";
   }
-  return NSUserDefaults::standardUserDefaultsPath().parent_path() / "pinboard-credentials.plist";
+  return _defaultsDirectory() / "pinboard-credentials.plist";
 }
 
 // ---- Credentials ----
@@ -339,9 +352,17 @@ void ZBPinboardClient::_perform(std::shared_ptr<const Call> call, const Operatio
     reply.error = cancelledError();
     return then(reply);
   }
+  std::weak_ptr<ZBPinboardClient> weakSelf = _self();
+  std::weak_ptr<ZBPinboardRequestOperation> weakOperation = operation;
+  auto waiting = [weakSelf, weakOperation](double turnAt) {
+    auto self = weakSelf.lock();
+    auto op = weakOperation.lock();
+    if (self && op) self->_showWait(op, turnAt);
+  };
   limiter->ask(ticket, call->requestClass, feeds ? 0 : s.interval, feeds ? s.feedInterval : call->classInterval,
                [self = _self(), call, operation, then, attempt, backoff](const ZBPinboardRateLimiter::Turn* turn,
                                                                         const NSErrorPtr& error) {
+                 self->_showWait(operation, 0);
                  Reply reply;
                  if (!turn) {
                    reply.error = threadError(call->method, error);
@@ -357,7 +378,8 @@ void ZBPinboardClient::_perform(std::shared_ptr<const Call> call, const Operatio
                  self->_limiter->giveBack(*turn);
                  reply.error = threadError(call->method, threadFailure);
                  then(reply);
-               });
+               },
+               call->username, std::move(waiting));
   // A cancel() between the canceller and the line found nothing to withdraw.
   if (operation->isCancelled()) abandon();
 }
@@ -428,7 +450,16 @@ void ZBPinboardClient::_transfer(const std::shared_ptr<const Call>& call, const 
   const Dictionary status{{ZBPinboardHTTPStatusErrorKey, Value(static_cast<std::int64_t>(response.status))}};
   if (response.status == 429) {
     if (attempt >= s.backoffRetries) {
-      reply.error = ZBPinboardMakeError(ZBPinboardKitRateLimitedError, call->method, status);
+      // When to try again: after the wait that would have come next.
+      const double next = std::min(std::max(backoff, response.retryAfter), s.backoffMaximum);
+      const auto minutes = static_cast<std::int64_t>(std::max(1.0, std::ceil(next / 60)));
+      Dictionary info = status;
+      info.set(NSLocalizedRecoverySuggestionErrorKey,
+               minutes == 1 ? ZBLocalizedString("Pinboard keeps refusing requests for now. Try again in a minute.")
+                            : withNumber(ZBLocalizedString(
+                                             "Pinboard keeps refusing requests for now. Try again in %@ minutes."),
+                                         minutes));
+      reply.error = ZBPinboardMakeError(ZBPinboardKitRateLimitedError, call->method, std::move(info));
       return then(reply);
     }
     // Wait as long as the server asks, at least our own doubling back-off.
@@ -494,11 +525,46 @@ void ZBPinboardClient::_backOff(std::shared_ptr<const Call> call, const Operatio
   auto again = [self = _self(), call, operation, then, attempt, backoff] {
     _guarded(then, [&] { self->_perform(call, operation, then, attempt + 1, backoff); });
   };
+  _showWait(operation, timers->now() + wait);
   if (!timers->schedule(timer, timers->now() + wait, std::move(again), &error)) {
     reply.error = threadError(call->method, error);
     return then(reply);
   }
   if (operation->isCancelled()) abandon();
+}
+
+void ZBPinboardClient::_showWait(const OperationPointer& operation, double turnAt) {
+  std::uint64_t replaced = 0;
+  const std::uint64_t timer = _timers->newIdentifier();
+  {
+    ZBMutexLock hold(operation->_mutex);
+    replaced = operation->_waitTimer;
+    operation->_turnAt = turnAt;
+    operation->_waitTimer = timer;
+  }
+  if (replaced) _timers->cancel(replaced);
+  _tickWait(operation, timer);
+}
+
+void ZBPinboardClient::_tickWait(const OperationPointer& operation, std::uint64_t timer) {
+  double turnAt = 0;
+  {
+    ZBMutexLock hold(operation->_mutex);
+    if (operation->_waitTimer != timer) return;  // a newer wait took over
+    turnAt = operation->_turnAt;
+  }
+  const double left = std::isfinite(turnAt) ? turnAt - _timers->now() : 0;
+  const auto seconds = left > 0 ? static_cast<std::int64_t>(std::ceil(left)) : 0;
+  operation->_setSecondsUntilTurn(seconds);
+  if (seconds == 0) return;
+  // The next tick: when the count drops by one.
+  auto tick = [weakSelf = std::weak_ptr<ZBPinboardClient>(_self()),
+               weakOperation = std::weak_ptr<ZBPinboardRequestOperation>(operation), timer] {
+    auto self = weakSelf.lock();
+    auto op = weakOperation.lock();
+    if (self && op) self->_tickWait(op, timer);
+  };
+  (void)_timers->schedule(timer, turnAt - static_cast<double>(seconds - 1), std::move(tick));
 }
 
 void ZBPinboardClient::_api(const OperationPointer& operation, const std::string& method, Params params, Then then,

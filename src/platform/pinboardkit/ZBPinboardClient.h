@@ -6,18 +6,20 @@
 //
 // Requests read their settings from the user defaults given at creation, at
 // the moment they run (base URLs, time-outs, rate-limit spacing, back-off;
-// keys in ZBPinboardKit.h). They are spaced as the service asks (per client:
-// 3 s between API calls, 1 min between posts/recent and 5 min between
-// posts/all calls, by default), and an HTTP 429 is retried after a wait that
+// keys in ZBPinboardKit.h). They are spaced as the service asks (3 s between
+// API calls, 1 min between posts/recent and 5 min between posts/all calls,
+// by default), per user and across every process whose defaults live in the
+// same directory (the times of the last calls are kept in a file there:
+// ZBPinboardRateLimitsFileName). An HTTP 429 is retried after a wait that
 // doubles each time, up to a cap and a number of retries, before it becomes
-// ZBPinboardKitRateLimitedError. A request waiting for its method's own turn
+// ZBPinboardKitRateLimitedError, whose suggestion says when to try again. A request waiting for its method's own turn
 // holds back the others by no more than the 3 s; a cancelled one takes no
 // turn from the next. Waiting holds no thread: the waits are timers on the
 // client's clock, and only the exchanges run on a few shared threads.
 //
-// Credentials are read when a request leaves, not when it is made: one
-// started under credentials that were then changed, cleared or logged out
-// fails with ZBPinboardKitUnauthorizedError and is never sent.
+// A request belongs to the credentials held when it was made: one whose
+// account was then changed, cleared or logged out before it left fails with
+// ZBPinboardKitUnauthorizedError and is never sent.
 //
 // Tags sent to the service (a post's tags, filters, renames, deletions) may
 // not contain a comma or whitespace: the service would split such a tag into
@@ -200,6 +202,7 @@ private:
   }
   Settings _settings() const;
   std::filesystem::path _credentialsPath() const;
+  std::filesystem::path _defaultsDirectory() const;
   Operation _request(std::string method, std::function<void(const OperationPointer&)> body);
   // A Then that completes operation with read's outcome, or the reply's error.
   static Then _completing(const OperationPointer& operation, Read read);
@@ -220,6 +223,11 @@ private:
                                        const std::function<bool()>& cancelled, Reply& reply, NSErrorPtr* error);
   void _backOff(std::shared_ptr<const Call> call, const OperationPointer& operation, Then then, int attempt,
                 double backoff, double wait);
+  // Shows operation's wait for its turn (due at turnAt on the timers' clock;
+  // infinity or less than now: nothing to show) and counts it down, a tick
+  // per second, on the timer queue.
+  void _showWait(const OperationPointer& operation, double turnAt);
+  void _tickWait(const OperationPointer& operation, std::uint64_t timer);
   // An authenticated API call under the credentials held now; without any,
   // then gets ZBPinboardKitNotAuthenticatedError and nothing is sent.
   void _api(const OperationPointer& operation, const std::string& method, Params params, Then then,

@@ -35,6 +35,7 @@ const std::string ZBPinboardBackoffInitialDefaultKey = "ZBPinboardBackoffInitial
 const std::string ZBPinboardBackoffMaximumDefaultKey = "ZBPinboardBackoffMaximum";
 const std::string ZBPinboardBackoffRetriesDefaultKey = "ZBPinboardBackoffRetries";
 const std::string ZBPinboardCredentialsPathDefaultKey = "ZBPinboardCredentialsPath";
+const std::string ZBPinboardRateLimitsFileName = "pinboard-rate-limits";
 
 const std::string ZBPinboardKitErrorDomain = "com.orvane.zbpinboardkit";
 const std::string ZBPinboardCredentialsErrorKey = "ZBPinboardCredentialsErrorKey";

@@ -46,6 +46,9 @@ extern const std::string ZBPinboardBackoffRetriesDefaultKey;     // retries afte
 // String: the credentials file. Default: "pinboard-credentials.plist" beside
 // the user defaults' own file.
 extern const std::string ZBPinboardCredentialsPathDefaultKey;
+// The file beside the user defaults' own that keeps when each user last
+// called each kind of request, shared by the processes of that directory.
+extern const std::string ZBPinboardRateLimitsFileName;  // "pinboard-rate-limits"
 
 // ---- Errors ----
 // Domain of every error the client makes. Its user information carries a

@@ -1,5 +1,7 @@
 #include "platform/pinboardkit/ZBPinboardRequestOperation.h"
 
+const std::string ZBPinboardRequestOperationSecondsUntilTurnKey = "secondsUntilTurn";
+
 ZBPinboardRequestOperation::ZBPinboardRequestOperation(std::string method, Body body)
     : _method(std::move(method)), _body(std::move(body)) {}
 
@@ -83,4 +85,18 @@ bool ZBPinboardRequestOperation::_setCanceller(std::function<void()> canceller) 
   replaced = std::move(_canceller);
   _canceller = std::move(canceller);
   return true;
+}
+
+std::int64_t ZBPinboardRequestOperation::secondsUntilTurn() const { return _secondsUntilTurn.load(); }
+
+Value ZBPinboardRequestOperation::valueForKey(const std::string& key) const {
+  if (key == ZBPinboardRequestOperationSecondsUntilTurnKey) return Value(secondsUntilTurn());
+  return NSOperation::valueForKey(key);
+}
+
+void ZBPinboardRequestOperation::_setSecondsUntilTurn(std::int64_t seconds) {
+  if (_secondsUntilTurn.load() == seconds) return;
+  willChangeValueForKey(ZBPinboardRequestOperationSecondsUntilTurnKey);
+  _secondsUntilTurn.store(seconds);
+  didChangeValueForKey(ZBPinboardRequestOperationSecondsUntilTurnKey);
 }

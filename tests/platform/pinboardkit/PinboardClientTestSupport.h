@@ -14,6 +14,7 @@
 
 #include "pinboard-sim/Simulator.h"
 #include "platform/foundation/NSUserDefaults.h"
+#include "platform/operations/NSOperationQueue.h"
 #include "platform/pinboardkit/ZBPinboardClient.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
@@ -77,6 +78,12 @@ protected:
     return spaced;
   }
 
+  // Queues op (on a queue of the fixture's) and returns it.
+  ZBPinboardClient::Operation runAsync(ZBPinboardClient::Operation op) {
+    background->addOperation(op);
+    return op;
+  }
+
   // Starts op, waits for it and returns its result; the error goes to *error.
   static Value run(const ZBPinboardClient::Operation& op, NSErrorPtr* error = nullptr) {
     EXPECT_TRUE(op);
@@ -131,4 +138,5 @@ protected:
   std::string apiToken, secret;
   std::shared_ptr<NSUserDefaults> defaults;
   std::shared_ptr<ZBPinboardClient> client;
+  std::shared_ptr<NSOperationQueue> background = NSOperationQueue::create();
 };

@@ -106,6 +106,8 @@ TEST_F(PinboardClientTest, A429BurstIsRetriedWithBackoffThenSucceeds) {
   sim.addFault(*Fault::parse("/v1/posts/all:status=429"));
   NSErrorPtr error = expectFailure(client->retrieveAllPostsWithTags(Value()), ZBPinboardKitRateLimitedError);
   EXPECT_EQ(error->userInfo()[ZBPinboardHTTPStatusErrorKey], Value(429));
+  EXPECT_NE(error->userInfo()[NSLocalizedRecoverySuggestionErrorKey].asString().find("Try again in"),
+            std::string::npos) << "it says when to try again";
   EXPECT_EQ(sim.requestCount("/v1/posts/all"), 4u);
 
   // The simulator's own limiter, not only injected faults, is honoured.

@@ -161,6 +161,32 @@ TEST_F(PinboardClientTest, RequestsWaitingThroughASignOutOrAChangeOfAccountNever
   }
 }
 
+TEST_F(PinboardClientTest, ClientsOfOneDataDirectoryKeepTheServiceSpacingTogether) {
+  // Two clients on one defaults directory stand for two processes: the
+  // memory they share is the file there.
+  auto clock = std::make_shared<ZBManualClock>(NSDate(0));
+  auto first = serviceSpacedClient(clock);
+  clock->advance(1000);
+  ASSERT_EQ(outcome(runAsync(first->retrieveAllPostsWithTags(Value()))), 0);
+  auto second = ZBPinboardClient::create(defaults, nullptr, clock);
+  second->setCredentials(ZBPinboardCredentials::create("alice", secret));
+  auto list = runAsync(second->retrieveAllPostsWithTags(Value()));
+  // It waits out the first one's five minutes, counting them down.
+  ASSERT_TRUE(WaitUntil([&] { return list->secondsUntilTurn() == 300; })) << list->secondsUntilTurn();
+  clock->advance(120.5);
+  ASSERT_TRUE(WaitUntil([&] { return list->secondsUntilTurn() == 180; })) << list->secondsUntilTurn();
+  // Another user's lines are their own.
+  sim.addAccount(pinboard_sim::AccountSeed{.username = "bob", .token = "BOB"});
+  auto bob = ZBPinboardClient::create(defaults, nullptr, clock);
+  bob->setCredentials(ZBPinboardCredentials::create("bob", "BOB"));
+  EXPECT_EQ(outcome(runAsync(bob->retrieveTags())), 0);
+  clock->advance(179.5);
+  EXPECT_EQ(outcome(list), 0);
+  EXPECT_EQ(list->secondsUntilTurn(), 0);
+  EXPECT_EQ(sim.requestCount("/v1/posts/all"), 2u);
+  EXPECT_EQ(sim.rateLimitViolations(), 0u);
+}
+
 // Answers at once, counting how many exchanges run together.
 class CountingTransport final : public ZBHTTPTransport {
 public:

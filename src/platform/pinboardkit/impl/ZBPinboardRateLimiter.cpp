@@ -8,17 +8,28 @@ namespace {
 constexpr double kNever = std::numeric_limits<double>::infinity();
 }  // namespace
 
-ZBPinboardRateLimiter::ZBPinboardRateLimiter(std::shared_ptr<ZBPinboardTimerQueue> timers)
-    : _timers(std::move(timers)) {}
+ZBPinboardRateLimiter::ZBPinboardRateLimiter(std::shared_ptr<ZBPinboardTimerQueue> timers,
+                                             std::shared_ptr<ZBPinboardRateMemory> memory,
+                                             std::function<double()> wallNow)
+    : _timers(std::move(timers)), _memory(std::move(memory)), _wallNow(std::move(wallNow)) {}
+
+std::vector<ZBPinboardRateMemory::Line> ZBPinboardRateLimiter::_lines(const Turn& turn) {
+  std::vector<ZBPinboardRateMemory::Line> lines{{turn.requestClass, turn.classInterval}};
+  if (turn.general) lines.push_back({"general", turn.generalInterval});
+  return lines;
+}
 
 std::uint64_t ZBPinboardRateLimiter::newTicket() { return _nextTicket.fetch_add(1); }
 
 void ZBPinboardRateLimiter::ask(std::uint64_t ticket, const std::string& requestClass, double generalInterval,
-                                double classInterval, Given given) {
+                                double classInterval, Given given, const std::string& user, Waiting waiting) {
   {
     ZBMutexLock hold(_mutex);
-    _line.push_back(Waiter{ticket, requestClass, requestClass != "feeds", std::max(0.0, generalInterval),
-                           std::max(0.0, classInterval), std::move(given)});
+    Waiter waiter{ticket, requestClass, requestClass != "feeds", std::max(0.0, generalInterval),
+                  std::max(0.0, classInterval), std::move(given)};
+    waiter.user = user;
+    waiter.waiting = std::move(waiting);
+    _line.push_back(std::move(waiter));
   }
   _serve();
 }
@@ -48,6 +59,7 @@ void ZBPinboardRateLimiter::departed(const Turn& turn) {
     auto& classNext = _nextOf.try_emplace(turn.requestClass, -kNever).first->second;
     classNext = std::max(classNext, now + turn.classInterval);
   }
+  if (_memory && turn.claimed) _memory->record(turn.user, _lines(turn), _wallNow());
   _serve();
 }
 
@@ -59,6 +71,7 @@ void ZBPinboardRateLimiter::giveBack(const Turn& turn) {
     auto it = _nextOf.find(turn.requestClass);
     if (it != _nextOf.end() && it->second == turn.classAfter) it->second = turn.classBefore;
   }
+  if (_memory && turn.claimed) _memory->release(turn.user, _lines(turn), turn.claimedOver, turn.claimedAt);
   _serve();
 }
 
@@ -68,23 +81,31 @@ double ZBPinboardRateLimiter::_readyTime(const Waiter& w) const {
   auto it = _nextOf.find(w.requestClass);
   double ready = it == _nextOf.end() ? -kNever : it->second;
   if (w.general) ready = std::max(ready, _nextGeneral);
-  return ready;
+  return std::max(ready, w.memoryReady);
 }
 
 void ZBPinboardRateLimiter::_serve() {
   std::vector<std::pair<Given, Turn>> due;
   std::vector<Given> failed;
+  std::vector<std::pair<Waiting, double>> notices;
   NSErrorPtr wakeError;
   {
     ZBMutexLock hold(_mutex);
     const double now = _timers->now();
     double next = kNever;
+    auto wait = [&](Waiter& w, double ready) {
+      next = std::min(next, ready);
+      if (w.waiting && !(w.reported == ready)) {
+        w.reported = ready;
+        notices.emplace_back(w.waiting, ready);
+      }
+    };
     // In order of arrival; one held back only by its own class lets the
     // next one through.
     for (auto it = _line.begin(); it != _line.end();) {
       const double ready = _readyTime(*it);
       if (ready > now) {
-        next = std::min(next, ready);
+        wait(*it, ready);
         ++it;
         continue;
       }
@@ -94,6 +115,21 @@ void ZBPinboardRateLimiter::_serve() {
       turn.general = it->general;
       turn.generalInterval = it->generalInterval;
       turn.classInterval = it->classInterval;
+      turn.user = it->user;
+      if (_memory && !turn.user.empty()) {
+        // Due here; the other processes of the data directory may have
+        // used the lines since.
+        const double offset = _wallNow() - now;
+        double readyAt = 0;
+        if (!_memory->claim(turn.user, _lines(turn), now + offset, &readyAt, &turn.claimedOver)) {
+          it->memoryReady = readyAt - offset;
+          wait(*it, it->memoryReady);
+          ++it;
+          continue;
+        }
+        turn.claimed = true;
+        turn.claimedAt = now + offset;
+      }
       _pendingOf[it->requestClass] = it->ticket;
       if (it->general) _generalPending = it->ticket;
       auto& classNext = _nextOf.try_emplace(it->requestClass, -kNever).first->second;
@@ -132,6 +168,7 @@ void ZBPinboardRateLimiter::_serve() {
       }
     }
   }
+  for (auto& [waiting, readyAt] : notices) waiting(readyAt);
   for (auto& [given, turn] : due) given(&turn, nullptr);
   for (auto& given : failed) given(nullptr, wakeError);
 }

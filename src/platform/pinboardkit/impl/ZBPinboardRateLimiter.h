@@ -12,6 +12,11 @@
 // while waiting takes nothing from the next of its class, and a turn given
 // but not used (nothing was sent) can be given back.
 //
+// With a ZBPinboardRateMemory, the spacing is kept together with every other
+// process of the data directory: a turn due here is taken only once the
+// memory agrees (and records it), else the request waits until the memory's
+// time.
+//
 // Time is the timer queue's clock, so a test moves time instead of waiting.
 // Lifetime: held by shared_ptr (a pending wake-up holds it weakly). Turns are
 // given on the timer queue's thread, or on the asking thread when due at
@@ -28,6 +33,7 @@
 
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/ZBMutex.h"
+#include "platform/pinboardkit/impl/ZBPinboardRateMemory.h"
 #include "platform/pinboardkit/impl/ZBPinboardThreads.h"
 
 class ZBPinboardRateLimiter : public std::enable_shared_from_this<ZBPinboardRateLimiter> {
@@ -40,12 +46,24 @@ public:
     double generalInterval = 0, classInterval = 0;
     double generalBefore = 0, classBefore = 0;  // the next free times it replaced
     double generalAfter = 0, classAfter = 0;    // the next free times it set
+    std::string user;                            // whose lines the memory keeps
+    bool claimed = false;                        // taken in the memory too
+    double claimedAt = 0;                        // memory time of the claim
+    std::map<std::string, double> claimedOver;   // what the claim replaced there
   };
   // The turn, or (turn null) the timer queue's error when no wake-up could be
   // scheduled for the requests still waiting, which then leave the line.
   using Given = std::function<void(const Turn* turn, const NSErrorPtr& error)>;
+  // While a request waits: when its turn is expected, on the timer queue's
+  // clock (infinity: not known yet, behind a turn not yet gone). Called
+  // outside the limiter's lock whenever that time changes.
+  using Waiting = std::function<void(double readyAt)>;
 
-  explicit ZBPinboardRateLimiter(std::shared_ptr<ZBPinboardTimerQueue> timers);
+  // memory: shared with other processes, or nullptr; wallNow: the clock the
+  // memory's times are on (seconds since the reference date).
+  explicit ZBPinboardRateLimiter(std::shared_ptr<ZBPinboardTimerQueue> timers,
+                                 std::shared_ptr<ZBPinboardRateMemory> memory = nullptr,
+                                 std::function<double()> wallNow = {});
 
   // A fresh ticket (never 0) for ask() and withdraw().
   std::uint64_t newTicket();
@@ -53,8 +71,9 @@ public:
   // once, outside the limiter's lock, when its turn has come (or it failed).
   // generalInterval applies to every class but "feeds"; classInterval to
   // this class alone (0: none).
+  // user names the lines in the shared memory (empty: not shared).
   void ask(std::uint64_t ticket, const std::string& requestClass, double generalInterval, double classInterval,
-           Given given);
+           Given given, const std::string& user = {}, Waiting waiting = nullptr);
   // Takes ticket out of the line: true when it was waiting (its callback
   // never runs), false when its turn was given already or it never asked.
   bool withdraw(std::uint64_t ticket);
@@ -74,12 +93,19 @@ private:
     bool general;
     double generalInterval, classInterval;
     Given given;
+    std::string user;
+    Waiting waiting;
+    double memoryReady = -std::numeric_limits<double>::infinity();  // what the memory said, last asked
+    double reported = std::numeric_limits<double>::quiet_NaN();    // the last readyAt told to waiting
   };
+  static std::vector<ZBPinboardRateMemory::Line> _lines(const Turn& turn);
   double _readyTime(const Waiter& w) const ZB_REQUIRES(_mutex);
   // Gives every turn that is due and arranges a wake-up for the next one.
   void _serve();
 
   const std::shared_ptr<ZBPinboardTimerQueue> _timers;
+  const std::shared_ptr<ZBPinboardRateMemory> _memory;
+  const std::function<double()> _wallNow;
   std::atomic<std::uint64_t> _nextTicket{1};
   ZBMutex _mutex;
   std::list<Waiter> _line ZB_GUARDED_BY(_mutex);
