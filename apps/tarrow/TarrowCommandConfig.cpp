@@ -20,7 +20,7 @@ namespace {
 struct Setting {
   const char* name;
   const std::string* key;
-  bool number;  // seconds; otherwise an address
+  bool number;  // seconds (or a count of retries); otherwise an address
 };
 
 const Setting kSettings[] = {
@@ -30,6 +30,9 @@ const Setting kSettings[] = {
     {"recent-interval", &ZBPinboardRecentIntervalDefaultKey, true},
     {"all-posts-interval", &ZBPinboardAllPostsIntervalDefaultKey, true},
     {"feed-interval", &ZBPinboardFeedIntervalDefaultKey, true},
+    {"backoff-initial", &ZBPinboardBackoffInitialDefaultKey, true},
+    {"backoff-maximum", &ZBPinboardBackoffMaximumDefaultKey, true},
+    {"backoff-retries", &ZBPinboardBackoffRetriesDefaultKey, true},
 };
 
 class TarrowCommandConfig final : public TarrowCommand {

@@ -1,5 +1,7 @@
 #include "TarrowErrors.h"
 
+#include <set>
+
 #include "sync/ZBTarrowDataError.h"
 
 const std::string TarrowErrorDomain = "com.orvane.tarrow";
@@ -12,7 +14,14 @@ void TarrowPrintError(std::ostream& err, const NSError& error) {
   err << "tarrow: " << error.localizedDescription() << "\n";
   if (auto reason = error.localizedFailureReason()) err << "  " << *reason << "\n";
   if (auto suggestion = error.localizedRecoverySuggestion()) err << *suggestion << "\n";
+  // A batch's items mostly fail for one reason: each reason once, with what
+  // to do about it.
+  std::set<std::string> said;
   for (const Value& item : error.userInfo()[ZBTarrowDataUnderlyingErrorsKey].asArray()) {
-    if (auto underlying = item.as<NSError>()) err << "  - " << underlying->localizedDescription() << "\n";
+    auto underlying = item.as<NSError>();
+    if (!underlying) continue;
+    std::string line = underlying->localizedDescription();
+    if (auto suggestion = underlying->localizedRecoverySuggestion()) line += " " + *suggestion;
+    if (said.insert(line).second) err << "  - " << line << "\n";
   }
 }

@@ -6,7 +6,10 @@
 
 #include <csignal>
 #include <fstream>
+#include <chrono>
+#include <iostream>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -422,4 +425,118 @@ TEST_F(TarrowCliTest, ImportAccountsForEveryLinkAndAddsOnlyWhatIsNew) {
     EXPECT_FALSE(refused.err.empty()) << bad;
   }
   EXPECT_EQ(json({"status"})["posts"], kGenerated + 4) << "a refused file adds nothing";
+}
+
+// Many runs, one account: the service's spacing and one refresh at a time
+// hold across processes.
+class TarrowRateTest : public TarrowCliTest {
+protected:
+  // Limits both sides agree on, scaled down from the service's 3 s / 60 s / 300 s.
+  void limit(double general, double recent, double all) {
+    sim.setRateLimits({general, recent, all});
+    for (const auto& [key, value] : {std::pair{"request-interval", general}, {"recent-interval", recent},
+                                     {"all-posts-interval", all}, {"feed-interval", 0.0}}) {
+      TarrowResult set = tarrow({"config", key, std::to_string(value)});
+      ASSERT_EQ(set.status, 0) << set.err;
+    }
+  }
+
+  // Syncs `runs` times, each after a change on the service and an edit here.
+  void syncsInARow(int runs) {
+    ASSERT_EQ(tarrow({"login", "--token", token}).status, 0);
+    limit(0.3, 1, 3);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < runs; ++i) {
+      ASSERT_TRUE(sim.addBookmark("alice", bookmark("https://example.com/remote" + std::to_string(i), "R", {}, true,
+                                                    false)));
+      if (i > 0) {
+        ASSERT_EQ(tarrow({"edit", kA, "--title", "Local " + std::to_string(i)}).status, 0);
+      }
+      TarrowResult sync = tarrow({"sync"});
+      ASSERT_EQ(sync.status, 0) << "run " << i << "\n" << sync.err;
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::string refused;
+    for (const auto& r : sim.requestLog())
+      if (r.status == 429) refused += r.path + " ";
+    EXPECT_EQ(sim.rateLimitViolations(), 0u) << refused;
+    // Both sides end equal.
+    std::set<std::string> remote;
+    for (const auto& b : sim.bookmarks("alice")) remote.insert(b.url);
+    EXPECT_EQ(urls(json({"posts", "--limit", "0"})), remote);
+    EXPECT_EQ(sim.bookmark("alice", kA)->title, "Local " + std::to_string(runs - 1));
+    std::map<std::string, int> calls;
+    for (const auto& r : sim.requestLog()) ++calls[r.path];
+    std::ostringstream counts;
+    for (const auto& [path, n] : calls) counts << path << "=" << n << " ";
+    std::cout << runs << " syncs in " << seconds << " s; requests: " << counts.str() << "\n";
+  }
+};
+
+TEST_F(TarrowRateTest, SyncsInARowKeepToTheRateLimitsTheServiceAndThisDirectoryShare) {
+  ASSERT_NO_FATAL_FAILURE(syncsInARow(3));
+}
+
+TEST_F(TarrowRateTest, LongTenSyncsInARowKeepToTheRateLimits) { ASSERT_NO_FATAL_FAILURE(syncsInARow(10)); }
+
+TEST_F(TarrowRateTest, TwoSyncsAtOnceSendEachEditOnce) {
+  ASSERT_NO_FATAL_FAILURE(signInAndSync());
+  // 50 new bookmarks waiting to go out, each answer slow enough that the
+  // second sync starts while the first still sends.
+  auto edits = [&](const std::string& batch) {
+    const std::string file = (dir / (batch + ".html")).string();
+    std::ofstream out(file);
+    out << "<!DOCTYPE NETSCAPE-Bookmark-file-1>\n<DL><p>\n";
+    for (int i = 0; i < 50; ++i)
+      out << "<DT><A HREF=\"https://example.com/" << batch << "/" << i << "\">" << i << "</A>\n";
+    out << "</DL>\n";
+    out.close();
+    ASSERT_EQ(tarrow({"import", "--apply", file}).status, 0);
+  };
+  sim.addFault({.path = "/v1/posts/add", .delay = 0.02, .apply = true});
+  for (const bool wait : {false, true}) {
+    const std::string batch = wait ? "waited" : "refused";
+    ASSERT_NO_FATAL_FAILURE(edits(batch));
+    sim.clearRequestLog();
+    Args args{"sync"};
+    if (wait) args.push_back("--wait");
+    TarrowProcess first(args, environment());
+    ASSERT_TRUE(eventually([&] { return sim.requestCount("/v1/posts/add") > 0; }));
+    TarrowResult second = TarrowProcess(args, environment()).finish();
+    TarrowResult firstResult = first.finish();
+    EXPECT_EQ(firstResult.status, 0) << firstResult.err;
+    if (wait) {
+      EXPECT_EQ(second.status, 0) << second.err;
+    } else {
+      EXPECT_EQ(second.status, 1);
+      EXPECT_NE(second.err.find("Another refresh of these bookmarks is running."), std::string::npos) << second.err;
+      EXPECT_NE(second.err.find("tarrow (process "), std::string::npos) << "names the other process\n" << second.err;
+    }
+    std::map<std::string, int> sent;
+    for (const auto& r : sim.requestLog())
+      if (r.path == "/v1/posts/add") ++sent[r.params.at("url")];
+    EXPECT_EQ(sent.size(), 50u) << batch;
+    for (const auto& [url, n] : sent) EXPECT_EQ(n, 1) << url;
+  }
+  EXPECT_EQ(json({"status"})["unsentPosts"], 0);
+}
+
+TEST_F(TarrowRateTest, A429BacksOffAndSucceedsOrFailsSayingWhenToTryAgain) {
+  ASSERT_EQ(tarrow({"login", "--token", token}).status, 0);
+  for (const auto& [key, value] : {std::pair{"backoff-initial", "0.05"}, {"backoff-maximum", "0.2"},
+                                   {"backoff-retries", "6"}})
+    ASSERT_EQ(tarrow({"config", key, value}).status, 0);
+  sim.addFault(*pinboard_sim::Fault::parse("/v1/posts/update:status=429,times=3"));
+  TarrowResult backedOff = tarrow({"sync"});
+  EXPECT_EQ(backedOff.status, 0) << backedOff.err;
+
+  ASSERT_EQ(tarrow({"edit", kA, "--title", "Kept"}).status, 0);
+  sim.addFault(*pinboard_sim::Fault::parse("/v1/posts/add:status=429,times=20"));
+  TarrowResult refused = tarrow({"sync"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("Try again in"), std::string::npos) << refused.err;
+  EXPECT_EQ(json({"status"})["unsentPosts"], 1) << "the edit waits for the next sync";
+  sim.clearFaults();
+  ASSERT_EQ(tarrow({"sync"}).status, 0);
+  EXPECT_EQ(sim.bookmark("alice", kA)->title, "Kept");
 }

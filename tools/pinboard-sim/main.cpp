@@ -209,6 +209,11 @@ int main(int argc, char** argv) {
   sim.stop();
   if (web) web->stop();
   save();
-  if (std::size_t refused = sim.rateLimitViolations()) std::cerr << "pinboard-sim: " << refused << " calls came too soon (429)\n";
+  if (std::size_t refused = sim.rateLimitViolations()) {
+    std::cerr << "pinboard-sim: " << refused << " calls came too soon (429):";
+    for (const auto& r : sim.requestLog())
+      if (r.status == 429 && !r.faulted) std::cerr << " " << r.path;
+    std::cerr << "\n";
+  }
   return 0;
 }

@@ -22,7 +22,19 @@ struct Exchange {
   std::size_t received = 0;
   int streaming = -1;  // whether the body goes to the consumer; decided at its first byte
   bool tooLarge = false;
+  const std::function<void()>* leaving = nullptr;
+  bool left = false;
 };
+
+// The connection is made and the request is about to be sent.
+int onLeaving(void* context, char*, char*, int, int) {
+  auto* x = static_cast<Exchange*>(context);
+  if (!x->left && x->leaving && *x->leaving) {
+    x->left = true;
+    (*x->leaving)();
+  }
+  return CURL_PREREQFUNC_OK;
+}
 
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* context) {
   auto* x = static_cast<Exchange*>(context);
@@ -114,6 +126,7 @@ bool ZBCurlTransport::send(const ZBHTTPRequest& request, ZBHTTPResponse& respons
   if (!curl) return fail(NSURLErrorUnknown, "The network library could not start a request.");
   CURL* c = curl.get();
   Exchange x{c, &response, request.maximumBodySize, &cancelled, &request.bodyConsumer};
+  x.leaving = &request.leaving;
   curl_easy_setopt(c, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
@@ -133,6 +146,8 @@ bool ZBCurlTransport::send(const ZBHTTPRequest& request, ZBHTTPResponse& respons
   curl_easy_setopt(c, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(c, CURLOPT_XFERINFOFUNCTION, onProgress);
   curl_easy_setopt(c, CURLOPT_XFERINFODATA, &x);
+  curl_easy_setopt(c, CURLOPT_PREREQFUNCTION, onLeaving);
+  curl_easy_setopt(c, CURLOPT_PREREQDATA, &x);
   if (!request.username.empty()) {
     curl_easy_setopt(c, CURLOPT_HTTPAUTH, CURLAUTH_BASIC);
     curl_easy_setopt(c, CURLOPT_USERNAME, request.username.c_str());

@@ -23,6 +23,11 @@ struct ZBHTTPRequest {
   // in ZBHTTPResponse::body (which a transport that cannot stream fills as
   // usual). Lets a caller read a long answer while it is still coming.
   std::function<void(std::string_view piece)> bodyConsumer;
+  // When set, called once as the request goes out, the connection made, on
+  // the thread of the transfer: rate limits count from there. A transport
+  // that cannot tell need not call it; the caller then counts from the end
+  // of send().
+  std::function<void()> leaving;
 };
 
 struct ZBHTTPResponse {

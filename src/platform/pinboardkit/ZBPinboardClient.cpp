@@ -199,7 +199,8 @@ Value postEcho(const Dictionary& properties, const Value& url) {
 
 ZBPinboardClient::ZBPinboardClient(Passkey, std::shared_ptr<NSUserDefaults> userDefaults,
                                    std::shared_ptr<ZBHTTPTransport> transport, std::shared_ptr<ZBClock> clock)
-    : _defaults(std::move(userDefaults)),
+    : _spacingMargin(clock ? 0 : 0.1),
+      _defaults(std::move(userDefaults)),
       _transport(transport ? std::move(transport) : ZBCurlTransport::create()),
       _timers(std::make_shared<ZBPinboardTimerQueue>(clock)),
       _limiter(std::make_shared<ZBPinboardRateLimiter>(
@@ -359,7 +360,13 @@ void ZBPinboardClient::_perform(std::shared_ptr<const Call> call, const Operatio
     auto op = weakOperation.lock();
     if (self && op) self->_showWait(op, turnAt);
   };
-  limiter->ask(ticket, call->requestClass, feeds ? 0 : s.interval, feeds ? s.feedInterval : call->classInterval,
+  // On the real clock a request reaches the service a little after it left,
+  // by an amount that varies: a margin keeps arrivals as far apart as the
+  // service counts. (An injected clock has no such jitter.)
+  const double margin = _spacingMargin;
+  auto spaced = [margin](double interval) { return interval > 0 ? interval + margin : 0.0; };
+  limiter->ask(ticket, call->requestClass, feeds ? 0 : spaced(s.interval),
+               spaced(feeds ? s.feedInterval : call->classInterval),
                [self = _self(), call, operation, then, attempt, backoff](const ZBPinboardRateLimiter::Turn* turn,
                                                                         const NSErrorPtr& error) {
                  self->_showWait(operation, 0);
@@ -392,12 +399,14 @@ void ZBPinboardClient::_transfer(const std::shared_ptr<const Call>& call, const 
   struct Settle {
     ZBPinboardRateLimiter& limiter;
     const ZBPinboardRateLimiter::Turn& turn;
-    bool settled = false;
-    void departed() { settled = true, limiter.departed(turn); }
-    void giveBack() { settled = true, limiter.giveBack(turn); }
-    ~Settle() {
-      if (!settled) limiter.giveBack(turn);
+    std::atomic<bool> settled{false};  // the transport may report the departure from its own thread
+    void departed() {
+      if (!settled.exchange(true)) limiter.departed(turn);
     }
+    void giveBack() {
+      if (!settled.exchange(true)) limiter.giveBack(turn);
+    }
+    ~Settle() { giveBack(); }
   } settle{*_limiter, turn};
   Reply reply;
   if (operation->isCancelled()) {
@@ -429,11 +438,19 @@ void ZBPinboardClient::_transfer(const std::shared_ptr<const Call>& call, const 
   ZBHTTPResponse response;
   NSErrorPtr transportError;
   const std::function<bool()> cancelled = [&operation] { return operation->isCancelled(); };
-  settle.departed();
-  if (call->departure) call->departure->store(_timers->now());
+  // The spacing counts from the moment the request goes out on its
+  // connection, as near as can be told to when the service sees it: a
+  // connection slow to open must not bring two arrivals closer together.
+  auto departing = [this, &settle, &call] {
+    if (settle.settled.load()) return;
+    if (call->departure) call->departure->store(_timers->now());
+    settle.departed();
+  };
+  request.leaving = departing;
   const bool sent = call->streamsPosts
                         ? _sendReadingPosts(*call, request, response, cancelled, reply, &transportError)
                         : _transport->send(request, response, cancelled, &transportError);
+  departing();  // a transport that could not tell, or a connection never made
   if (!sent) {
     if (operation->isCancelled()) {
       reply.error = cancelledError();
@@ -633,6 +650,7 @@ ZBPinboardClient::Operation ZBPinboardClient::_authenticate(const std::string& u
     auto call = std::make_shared<Call>();
     call->method = method;
     call->requestClass = method;
+    call->username = username;  // the sign-in counts in the user's spacing too
     Params params{{"format", "json"}};
     if (password) {
       call->basicUser = username;
@@ -973,6 +991,7 @@ ZBPinboardClient::Operation ZBPinboardClient::_feed(std::string name, std::strin
     // The secret feed leaves only under the credentials its key belongs to.
     call->signedInAs = op->_madeFor.empty() ? credentials->apiToken() : op->_madeFor;
     call->session = op->_session;
+    call->username = credentials->username();  // its spacing is kept with the user's other processes
     self->_rssKey(op, *credentials,
                   [self, op, call, rest, then, username = credentials->username(), s](Reply& reply) mutable {
                     if (reply.error) return op->_complete(Value(), reply.error);

@@ -249,6 +249,7 @@ private:
   // credentials; then gets it in the reply's body.
   void _rssKey(const OperationPointer& operation, const ZBPinboardCredentials& credentials, Then then);
 
+  const double _spacingMargin;  // seconds added to every spacing
   const std::shared_ptr<NSUserDefaults> _defaults;
   const std::shared_ptr<ZBHTTPTransport> _transport;
   const std::shared_ptr<ZBPinboardTimerQueue> _timers;
