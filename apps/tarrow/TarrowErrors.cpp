@@ -14,6 +14,9 @@ void TarrowPrintError(std::ostream& err, const NSError& error) {
   err << "tarrow: " << error.localizedDescription() << "\n";
   if (auto reason = error.localizedFailureReason()) err << "  " << *reason << "\n";
   if (auto suggestion = error.localizedRecoverySuggestion()) err << *suggestion << "\n";
+  // What lies beneath, as the system said it (a refused connection, a time-out).
+  for (auto cause = error.underlyingError(); cause; cause = cause->underlyingError())
+    err << "  (" << cause->localizedDescription() << ")\n";
   // A batch's items mostly fail for one reason: each reason once, with what
   // to do about it.
   std::set<std::string> said;
