@@ -540,3 +540,24 @@ TEST_F(TarrowRateTest, A429BacksOffAndSucceedsOrFailsSayingWhenToTryAgain) {
   ASSERT_EQ(tarrow({"sync"}).status, 0);
   EXPECT_EQ(sim.bookmark("alice", kA)->title, "Kept");
 }
+
+TEST_F(TarrowRateTest, AnEditSavedByAnotherRunDuringASyncStaysAndGoesOutNext) {
+  ASSERT_NO_FATAL_FAILURE(signInAndSync());
+  // The service changes kA too, so the running sync's merge wants to write it.
+  auto changed = *sim.bookmark("alice", kA);
+  changed.title = "Changed on the service";
+  ASSERT_TRUE(sim.addBookmark("alice", changed));
+  sim.addFault({.path = "/v1/posts/all", .delay = 1.5, .apply = true, .times = 2});
+  TarrowProcess sync({"sync"}, environment());
+  ASSERT_TRUE(eventually([&] { return sim.requestCount("/v1/posts/update") > 0; }));
+  TarrowResult edit = tarrow({"edit", kA, "--title", "Edited meanwhile"});
+  ASSERT_EQ(edit.status, 0) << edit.err;
+  TarrowResult synced = sync.finish();
+  EXPECT_EQ(synced.status, 0) << synced.err;
+  nlohmann::json mine = json({"posts", "--where", "url == '" + kA + "'"});
+  ASSERT_EQ(mine.size(), 1u);
+  EXPECT_EQ(mine[0]["title"], "Edited meanwhile") << "the merge must not overwrite it";
+  EXPECT_EQ(json({"status"})["unsentPosts"], 1);
+  ASSERT_EQ(tarrow({"sync"}).status, 0);
+  EXPECT_EQ(sim.bookmark("alice", kA)->title, "Edited meanwhile");
+}
