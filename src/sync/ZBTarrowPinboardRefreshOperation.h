@@ -138,7 +138,6 @@ private:
   NSKeyValueObservation _cancelForwarding;
   ZBMutex _outgoingMutex;
   std::vector<std::shared_ptr<NSOperation>> _outgoing ZB_GUARDED_BY(_outgoingMutex);
-  std::vector<NSKeyValueObservation> _waitObservations ZB_GUARDED_BY(_outgoingMutex);
   mutable ZBMutex _statusMutex;
   std::string _status ZB_GUARDED_BY(_statusMutex);       // what is shown
   std::string _phaseStatus ZB_GUARDED_BY(_statusMutex);  // the phase's own text
@@ -147,4 +146,6 @@ private:
   // Shows the phase's text, or the longest wait of a request when it is
   // long enough to tell of.
   void _showStatus(std::string phaseStatus, const NSOperation* waiting, std::int64_t seconds);
+  // Declared after what their callbacks use, so that they end first.
+  std::vector<NSKeyValueObservation> _waitObservations ZB_GUARDED_BY(_outgoingMutex);
 };

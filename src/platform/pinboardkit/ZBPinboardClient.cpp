@@ -570,7 +570,9 @@ void ZBPinboardClient::_tickWait(const OperationPointer& operation, std::uint64_
     if (operation->_waitTimer != timer) return;  // a newer wait took over
     turnAt = operation->_turnAt;
   }
-  const double left = std::isfinite(turnAt) ? turnAt - _timers->now() : 0;
+  // A request that ended or was abandoned waits no more.
+  const bool over = operation->isFinished() || operation->isCancelled();
+  const double left = std::isfinite(turnAt) && !over ? turnAt - _timers->now() : 0;
   const auto seconds = left > 0 ? static_cast<std::int64_t>(std::ceil(left)) : 0;
   operation->_setSecondsUntilTurn(seconds);
   if (seconds == 0) return;
