@@ -6,6 +6,7 @@
 #include "TarrowProgress.h"
 #include "TarrowText.h"
 #include "platform/operations/NSRunLoop.h"
+#include "store/ZBTarrowDataStoreCoordinator.h"
 
 namespace {
 
@@ -38,6 +39,12 @@ TarrowSession::~TarrowSession() {
   // After an interrupt the jobs were cancelled and given their time already.
   const bool interrupted = _interrupt.interrupted();
   if (!interrupted) _windDown();
+  // A save's merge into the root context runs on a pool thread: let it end
+  // before the process does.
+  if (!interrupted && _controller) {
+    if (auto coordinator = _controller->pinboardStoreCoordinator())
+      coordinator->rootManagedObjectContext()->performBlockAndWait([] {});
+  }
   _controller.reset();
   if (!interrupted)
     NSRunLoop::mainRunLoop()->runUntil([] { return NSOperationQueue::mainQueue()->operationCount() == 0; },
