@@ -185,6 +185,7 @@ std::optional<Fault> Simulator::_takeFault(const std::string& path) {
       continue;
     }
     Fault f = *it;
+    ++_faultsTaken;
     if (it->times > 0 && --it->times == 0) _faults.erase(it);
     return f;
   }

@@ -246,6 +246,11 @@ void Simulator::clearFaults() {
   _faults.clear();
 }
 
+std::size_t Simulator::faultsTaken() const {
+  ZBMutexLock hold(_mutex);
+  return _faultsTaken;
+}
+
 void Simulator::setRateLimits(RateLimits limits) {
   ZBMutexLock hold(_mutex);
   _rateLimits = limits;

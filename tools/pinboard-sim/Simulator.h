@@ -145,6 +145,9 @@ public:
   // ---- Behaviour ----
   void addFault(Fault fault);
   void clearFaults();
+  // How many requests a fault has met so far: a test can wait for a request
+  // to be inside a delay before acting.
+  std::size_t faultsTaken() const;
   void setRateLimits(RateLimits limits);
   void setQuirks(Quirks quirks);
   Quirks quirks() const;
@@ -226,6 +229,7 @@ private:
   std::map<std::string, Account> _accounts ZB_GUARDED_BY(_mutex);
   std::map<std::string, std::vector<std::string>> _popularTags ZB_GUARDED_BY(_mutex);
   std::vector<Fault> _faults ZB_GUARDED_BY(_mutex);
+  std::size_t _faultsTaken ZB_GUARDED_BY(_mutex) = 0;
   std::vector<RequestRecord> _requests ZB_GUARDED_BY(_mutex);
   // "user\x1fclass" -> time of the last accepted call
   std::map<std::string, double> _lastCall ZB_GUARDED_BY(_mutex);
