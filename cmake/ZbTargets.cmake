@@ -29,6 +29,10 @@ function(zb_warnings target)
   target_compile_options(${target} PRIVATE ${ZB_WARNINGS})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     target_compile_options(${target} PRIVATE -Wthread-safety -Wno-unused-private-field)
+  elseif(CMAKE_UNITY_BUILD)
+    # A unity source includes the .cpp files, so GCC takes their anonymous
+    # namespaces for a header's.
+    target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
   endif()
 endfunction()
 

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fstream>
 #include <chrono>
+#include <fstream>
 #include <iostream>
 #include <set>
 #include <sstream>
@@ -548,6 +548,9 @@ TEST_F(TarrowRateTest, A429BacksOffAndSucceedsOrFailsSayingWhenToTryAgain) {
 TEST_F(TarrowRateTest, AnEditSavedByAnotherRunDuringASyncStaysAndGoesOutNext) {
   ASSERT_NO_FATAL_FAILURE(signInAndSync());
   // The service changes kA too, so the running sync's merge wants to write it.
+  // Its update time has whole seconds: the change comes a second later than
+  // the sync, or a quick machine would give both one update time.
+  sim.setClock([] { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() + 1; });
   auto changed = *sim.bookmark("alice", kA);
   changed.title = "Changed on the service";
   ASSERT_TRUE(sim.addBookmark("alice", changed));

@@ -10,7 +10,7 @@
 namespace pinboard_sim {
 
 // Answers keep their keys in the order written, as the service sends them.
-using json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 
 namespace {
 
@@ -142,7 +142,7 @@ Simulator::Reply Simulator::_api(const std::string& method, const httplib::Reque
     Reply reply = method == "tags/delete" ? _tagsDelete(req, a) : _tagsRename(req, a);
     if (wantsXML(req)) {
       // The JSON answer is {"result":"…"}; XML carries the same text.
-      json parsed = json::parse(reply.body, nullptr, false);
+      OrderedJson parsed = OrderedJson::parse(reply.body, nullptr, false);
       std::string text = parsed.is_object() ? parsed.value("result", "") : "";
       return {200, xmlDocument("<result>" + xmlEscape(text) + "</result>"), "text/xml; charset=utf-8"};
     }
@@ -158,7 +158,7 @@ Simulator::Reply Simulator::_api(const std::string& method, const httplib::Reque
   return {404, "Not Found", "text/plain; charset=utf-8"};
 }
 
-Simulator::Reply Simulator::_json(const json& value) const {
+Simulator::Reply Simulator::_json(const OrderedJson& value) const {
   return {200, frame(dump(value, _quirks), _quirks), {}};
 }
 
@@ -168,10 +168,10 @@ Simulator::Reply Simulator::_failure(const httplib::Request& req) const {
 }
 
 Simulator::Reply Simulator::_resultCode(const std::string& text, const char* key) const {
-  return _json(json{{key, text}});
+  return _json(OrderedJson{{key, text}});
 }
 
-Simulator::Reply Simulator::_postsUpdate(const Account& a) { return _json(json{{"update_time", formatDateTime(a.updateTime)}}); }
+Simulator::Reply Simulator::_postsUpdate(const Account& a) { return _json(OrderedJson{{"update_time", formatDateTime(a.updateTime)}}); }
 
 Simulator::Reply Simulator::_postsAdd(const httplib::Request& req, Account& a) {
   const bool xml = wantsXML(req);
@@ -325,10 +325,10 @@ Simulator::Reply Simulator::_postsDates(const httplib::Request& req, const Accou
     for (const auto& [d, n] : counts) s += "  <date date=\"" + d + "\" count=\"" + std::to_string(n) + "\" />\n";
     return {200, xmlDocument(s + "</dates>"), "text/xml; charset=utf-8"};
   }
-  json dates = json::object();  // newest day first, as counted
-  for (const auto& [d, n] : counts) dates[d] = _quirks.stringCounts ? json(std::to_string(n)) : json(n);
-  if (dates.empty() && _quirks.emptyMapAsArray) dates = json::array();
-  return _json(json{{"user", a.username}, {"tag", joined(tags, '+')}, {"dates", dates}});
+  OrderedJson dates = OrderedJson::object();  // newest day first, as counted
+  for (const auto& [d, n] : counts) dates[d] = _quirks.stringCounts ? OrderedJson(std::to_string(n)) : OrderedJson(n);
+  if (dates.empty() && _quirks.emptyMapAsArray) dates = OrderedJson::array();
+  return _json(OrderedJson{{"user", a.username}, {"tag", joined(tags, '+')}, {"dates", dates}});
 }
 
 Simulator::Reply Simulator::_postsAll(const httplib::Request& req, Account& a) {
@@ -417,7 +417,7 @@ Simulator::Reply Simulator::_postsSuggest(const httplib::Request& req, const Acc
     for (const auto& t : recommended) s += "  <recommended>" + xmlEscape(t) + "</recommended>\n";
     return {200, xmlDocument(s + "</suggested>"), "text/xml; charset=utf-8"};
   }
-  return _json(json::array({json{{"popular", popular}}, json{{"recommended", recommended}}}));
+  return _json(OrderedJson::array({OrderedJson{{"popular", popular}}, OrderedJson{{"recommended", recommended}}}));
 }
 
 Simulator::Reply Simulator::_tagsGet(const Account& a) {
@@ -435,9 +435,9 @@ Simulator::Reply Simulator::_tagsGet(const Account& a) {
   std::map<std::string, int, decltype(collate)> counts(collate);
   for (const auto& [url, b] : a.bookmarks)
     for (const auto& t : b.tags) ++counts[t];
-  json out = json::object();
-  for (const auto& [t, n] : counts) out[t] = _quirks.stringCounts ? json(std::to_string(n)) : json(n);
-  if (out.empty() && _quirks.emptyMapAsArray) out = json::array();
+  OrderedJson out = OrderedJson::object();
+  for (const auto& [t, n] : counts) out[t] = _quirks.stringCounts ? OrderedJson(std::to_string(n)) : OrderedJson(n);
+  if (out.empty() && _quirks.emptyMapAsArray) out = OrderedJson::array();
   return _json(out);
 }
 
@@ -487,22 +487,22 @@ Simulator::Reply Simulator::_tagsRename(const httplib::Request& req, Account& a)
 }
 
 Simulator::Reply Simulator::_notesList(const Account& a) {
-  json notes = json::array();
+  OrderedJson notes = OrderedJson::array();
   for (const Note& n : a.notes) {
     notes.push_back({{"id", n.id},
                      {"hash", n.hash()},
                      {"title", n.title},
-                     {"length", _quirks.stringCounts ? json(std::to_string(n.length())) : json(n.length())},
+                     {"length", _quirks.stringCounts ? OrderedJson(std::to_string(n.length())) : OrderedJson(n.length())},
                      {"created_at", formatNoteTime(n.created)},
                      {"updated_at", formatNoteTime(n.updated)}});
   }
-  return _json(json{{"count", a.notes.size()}, {"notes", notes}});
+  return _json(OrderedJson{{"count", a.notes.size()}, {"notes", notes}});
 }
 
 Simulator::Reply Simulator::_note(const std::string& id, const Account& a) {
   for (const Note& n : a.notes) {
     if (n.id != id) continue;
-    return _json(json{{"id", n.id},
+    return _json(OrderedJson{{"id", n.id},
                       {"title", n.title},
                       {"created_at", formatNoteTime(n.created)},
                       {"updated_at", formatNoteTime(n.updated)},

@@ -3,15 +3,13 @@
 #include <utility>
 
 #include "platform/archive/NSKeyedUnarchiver.h"
+#include "platform/archive/impl/ZBArchiveKeys.h"
 #include "platform/foundation/NSPropertyListSerialization.h"
 #include "platform/foundation/ZBLocalizedString.h"
 
 namespace {
 
 Value reference(std::int64_t index) { return Value(Dictionary{{"CF$UID", Value(index)}}); }
-
-// Keys the format reserves start with '$'; user keys starting with it get one more.
-std::string escapedKey(const std::string& key) { return !key.empty() && key[0] == '$' ? "$" + key : key; }
 
 }  // namespace
 
@@ -39,19 +37,19 @@ Data NSKeyedArchiver::archivedDataWithRootObject(const Value& root, NSErrorPtr* 
 void NSKeyedArchiver::encodeObject(const Value& value, const std::string& key) {
   if (_error || _frames.empty()) return;
   std::int64_t index = _encode(value);
-  _frames.back().set(escapedKey(key), reference(index));
+  _frames.back().set(zb::archive::escapedKey(key), reference(index));
 }
 
 void NSKeyedArchiver::encodeBool(bool value, const std::string& key) {
-  if (!_frames.empty()) _frames.back().set(escapedKey(key), Value(value));
+  if (!_frames.empty()) _frames.back().set(zb::archive::escapedKey(key), Value(value));
 }
 
 void NSKeyedArchiver::encodeInt64(std::int64_t value, const std::string& key) {
-  if (!_frames.empty()) _frames.back().set(escapedKey(key), Value(value));
+  if (!_frames.empty()) _frames.back().set(zb::archive::escapedKey(key), Value(value));
 }
 
 void NSKeyedArchiver::encodeDouble(double value, const std::string& key) {
-  if (!_frames.empty()) _frames.back().set(escapedKey(key), Value(value));
+  if (!_frames.empty()) _frames.back().set(zb::archive::escapedKey(key), Value(value));
 }
 
 void NSKeyedArchiver::failWithError(NSErrorPtr error) {

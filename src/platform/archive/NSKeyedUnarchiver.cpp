@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/archive/NSKeyedArchiver.h"
+#include "platform/archive/impl/ZBArchiveKeys.h"
 #include "platform/foundation/NSPropertyListSerialization.h"
 #include "platform/foundation/ZBLocalizedString.h"
 
@@ -65,8 +66,6 @@ std::int64_t referenceIndex(const Value& value) {
   const Value& uid = value.asDictionary()["CF$UID"];
   return uid.isInteger() && uid.integerValue() >= 0 ? uid.integerValue() : -1;
 }
-
-std::string escapedKey(const std::string& key) { return !key.empty() && key[0] == '$' ? "$" + key : key; }
 
 NSErrorPtr corruptError(const std::string& reason, NSErrorPtr underlying = nullptr) {
   Dictionary info{
@@ -370,7 +369,7 @@ std::optional<NSKeyedUnarchiver::Decoded> NSKeyedUnarchiver::_decodeFresh(std::i
 
 const Value* NSKeyedUnarchiver::_field(const std::string& key) const {
   if (_frames.empty()) return nullptr;
-  const Value& value = (*_frames.back().fields)[escapedKey(key)];
+  const Value& value = (*_frames.back().fields)[zb::archive::escapedKey(key)];
   return value.isAbsent() ? nullptr : &value;
 }
 
